@@ -1,0 +1,83 @@
+// Zirlane: a SQL Server database served straight from its backup files.
+//
+// The exported functions of libzirlane.so. Everything else in the library is
+// hidden. Strings are zero-terminated wide strings; a string that a function
+// hands out is a heap copy that the caller frees as the function says.
+#pragma once
+
+#include <wchar.h>
+
+#ifdef __cplusplus
+#define ZR_EXTERN_C extern "C"
+#else
+#define ZR_EXTERN_C
+#endif
+#define ZR_API ZR_EXTERN_C __attribute__((visibility("default")))
+
+#ifdef __cplusplus
+class ZR_MountInfo;
+#else
+typedef struct ZR_MountInfo ZR_MountInfo;
+#endif
+
+/* ---- Library life ------------------------------------------------------ */
+
+/* Sets up the trace (switched off) and the library object. Always true. */
+ZR_API bool InitializeZR(int iUnused);
+
+/* ---- Building a mount request ------------------------------------------ */
+
+ZR_API ZR_MountInfo* AllocateMountInfo(void);
+ZR_API void FreeMountInfo(ZR_MountInfo* pInfo);
+/* iType: 1 full, 2 differential, 3 log. False for another type or when the
+   full or differential record exists already. The plain key wins over the
+   encrypted one. */
+ZR_API bool BuildBackupInfoFromSet(ZR_MountInfo* pInfo, int iType, int iDataSet, const wchar_t* wszPasswordKey,
+                                   const wchar_t* wszEncryptedPasswordKey);
+/* wszType: "Full", "Diff" or "Differential", "Log" (the last log record). */
+ZR_API void AddBackupSetFilename(ZR_MountInfo* pInfo, const wchar_t* wszType, const wchar_t* wszFileName);
+ZR_API void SetMountKey(ZR_MountInfo* pInfo, const wchar_t* wszKey);
+ZR_API void SetTargetDatabase(ZR_MountInfo* pInfo, const wchar_t* wszDatabase);
+ZR_API void SetFilterDrive(ZR_MountInfo* pInfo, const wchar_t* wszDrive);
+/* Keeps the text behind the first backslash (SERVER\INST gives INST). */
+ZR_API void SetTargetInstance(ZR_MountInfo* pInfo, const wchar_t* wszInstance);
+/* A null argument leaves the stored value as it is. */
+ZR_API void SetFileAccessAccount(ZR_MountInfo* pInfo, const wchar_t* wszUser, const wchar_t* wszPassword);
+/* 0 on success, else the RPC status of the parse. */
+ZR_API long SetGuid(ZR_MountInfo* pInfo, const wchar_t* wszGuid);
+ZR_API void SetRestart(ZR_MountInfo* pInfo);
+ZR_API bool GetDiff(ZR_MountInfo* pInfo);
+ZR_API bool GetLog(ZR_MountInfo* pInfo, int i);
+ZR_API int GetNumberOfLogs(ZR_MountInfo* pInfo);
+
+/* ---- Mounting ----------------------------------------------------------- */
+
+/* Mounts the request. The mount key is copied to wszKeyOut (cchKeyOut
+   characters at most), also after a failure that came after the key was
+   made. On false, ZRGetZRError with that key and with a null key tells why. */
+ZR_API bool WrapMount(ZR_MountInfo* pInfo, wchar_t* wszKeyOut, unsigned int cchKeyOut);
+
+/* ---- Errors -------------------------------------------------------------- */
+
+/* The recorded errors of a mount key (null: those of no mount), newest
+   first, at most cchOut - 1 characters. Empty when there are none. */
+ZR_API void ZRGetZRError(const wchar_t* wszKey, wchar_t* wszOut, unsigned int cchOut);
+
+/* ---- Trace --------------------------------------------------------------- */
+
+/* Modes: 0 off, 1 ring, 2 ring and file (restarted every ~10,000 lines),
+   3 ring and file (appended). */
+ZR_API void EnableServiceTrace(int iMode);
+/* Same as EnableServiceTrace (kept for callers of the old name). */
+ZR_API void DisbleServiceTrace(int iMode);
+/* The ring's lines, oldest first, in lines of *pcbLine bytes. Free the
+   result with FreeTraceBuffer. */
+ZR_API char* CaptureServiceTrace(int* pcbBuffer, int* pcbLine);
+ZR_API void SetServiceTracePath(const wchar_t* wszPath);
+ZR_API bool EnableDriverTrace(void);
+ZR_API bool DisableDriverTrace(void);
+ZR_API void* CaptureDriverTrace(void);
+ZR_API void FreeTraceBuffer(void* p);
+/* A narrow format with three values, or a wide text (told apart by its
+   second byte being 0). */
+ZR_API void ZRDbgTrace(const void* pText, unsigned long long i1, unsigned long long i2, unsigned long long i3);
