@@ -46,6 +46,9 @@ ZR_API void SetFileAccessAccount(ZR_MountInfo* pInfo, const wchar_t* wszUser, co
 /* 0 on success, else the RPC status of the parse. */
 ZR_API long SetGuid(ZR_MountInfo* pInfo, const wchar_t* wszGuid);
 ZR_API void SetRestart(ZR_MountInfo* pInfo);
+/* The stop clause of a point-in-time mount (STOPAT, STOPATMARK or
+   STOPBEFOREMARK). False when it was not understood; the stop is then none. */
+ZR_API bool SetStop(ZR_MountInfo* pInfo, const wchar_t* wszClause);
 ZR_API bool GetDiff(ZR_MountInfo* pInfo);
 ZR_API bool GetLog(ZR_MountInfo* pInfo, int i);
 ZR_API int GetNumberOfLogs(ZR_MountInfo* pInfo);

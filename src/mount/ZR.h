@@ -1,0 +1,73 @@
+// ZR: the one library object (g_pZR). It holds the library lock and the
+// filter volume; the exported functions call its methods. Beside it stands
+// g_DBs, the list of mounted databases.
+//
+// Lock order: the library lock, then the list's lock of g_DBs, then the
+// locks inside a ZR_Database. A mount holds no library lock, so mounts may
+// run side by side; appending to g_DBs takes only the list's lock. Remove
+// holds the library lock so that no status call keeps a database that it
+// destroys.
+#pragma once
+
+#include <cstdio>
+
+#include "engine/ZR_Database.h"
+#include "mount/ZR_DatabaseList.h"
+#include "mount/ZR_FileInfo.h"
+#include "mount/ZR_MountInfo.h"
+#include "platform/win32.h"
+
+class ZR {
+public:
+    ZR();
+    explicit ZR(FILE* pTraceFile);
+    ~ZR();
+    ZR(const ZR&) = delete;
+    ZR& operator=(const ZR&) = delete;
+
+    // Starts the trace switched off, then makes g_pZR (once: the library
+    // never destroys it).
+    static void Initialize();
+    static ZR* GetZR() { return g_pZR; }
+
+    // Mounts the request and, on success, puts the database in g_DBs.
+    // *ppwszKey (when ppwszKey is not null) receives a heap copy of the mount
+    // key for the caller to free, also after a failure that came after the
+    // key was made. The mount's own errors are recorded with a null key, those
+    // of the database and its backups under the mount key.
+    bool Mount(ZR_MountInfo* pInfo, wchar_t** ppwszKey);
+    // Ends the mount of this key if there is one, and drops the recorded
+    // errors of the key in any case.
+    void Remove(const wchar_t* wszKey);
+    // Destroys every database; the library object stays.
+    static void UninitializeForExit();
+    // No library lock of its own: callers that keep the result take it.
+    static ZR_Database* FindDatabase(const wchar_t* wszKey);
+    // Null does nothing; one trailing backslash is cut.
+    void SetFilterVolume(const wchar_t* wszVolume);
+    const wchar_t* GetFilterVolume() { return m_wszFilterVolume; }
+
+    static int g_iNumCPUs;
+    static wchar_t* g_wszSparseFilesFolder;  // owned by the setter
+    static wchar_t* g_wszMapFilesFolder;     // owned by the setter
+
+private:
+    friend struct ZR_TestAccess;  // tests reach the private mounts
+    // The database that a parsed virtual file name speaks of, found or (for
+    // a Backups name) mounted.
+    ZR_Database* Mount(ZR_FileInfo* pFileInfo);
+    ZR_Database* MountImplicit(ZR_FileInfo* pFileInfo);
+
+    void Init();
+    void Fini();
+    void Lock() { EnterCriticalSection(&m_cs); }
+    void Unlock() { LeaveCriticalSection(&m_cs); }
+
+    bool AddBackups(ZR_Database* pDB, ZR_MountInfo* pInfo);
+    bool FinishMount(ZR_Database* pDB);
+
+    CRITICAL_SECTION m_cs;                 // the library lock
+    wchar_t* m_wszFilterVolume = nullptr;  // owned
+
+    static ZR* g_pZR;
+};

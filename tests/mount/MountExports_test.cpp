@@ -1,0 +1,133 @@
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "mount/ZR_MountInfo.h"
+#include "zirlane/zirlane.h"
+
+namespace {
+
+// The request as the exports build it, freed at the end of each test.
+class MountRequest : public testing::Test {
+protected:
+    void TearDown() override { FreeMountInfo(m_pInfo); }
+    ZR_MountInfo* m_pInfo = AllocateMountInfo();
+};
+
+std::wstring Text(const wchar_t* wsz) { return wsz ? wsz : L"(null)"; }
+
+TEST_F(MountRequest, TargetInstanceKeepsWhatFollowsTheFirstBackslash) {
+    SetTargetInstance(m_pInfo, L"SERVER\\INST");
+    EXPECT_EQ(Text(m_pInfo->GetTargetInstance()), L"INST");
+    SetTargetInstance(m_pInfo, L"SERVER");
+    EXPECT_EQ(Text(m_pInfo->GetTargetInstance()), L"SERVER");
+    SetTargetInstance(m_pInfo, L"A\\B\\C");
+    EXPECT_EQ(Text(m_pInfo->GetTargetInstance()), L"B\\C");
+}
+
+TEST_F(MountRequest, FilesGoToTheRecordOfTheirTypeName) {
+    ASSERT_TRUE(BuildBackupInfoFromSet(m_pInfo, 1, 3, nullptr, nullptr));
+    AddBackupSetFilename(m_pInfo, L"Full", L"full1.bak");
+    AddBackupSetFilename(m_pInfo, L"Full", L"full2.bak");
+    // No log record yet, and the compare respects case: both do nothing.
+    AddBackupSetFilename(m_pInfo, L"Log", L"early.trn");
+    AddBackupSetFilename(m_pInfo, L"full", L"lower.bak");
+    AddBackupSetFilename(m_pInfo, L"Stripe", L"other.bak");
+    ASSERT_TRUE(BuildBackupInfoFromSet(m_pInfo, 2, 1, nullptr, nullptr));
+    AddBackupSetFilename(m_pInfo, L"Differential", L"diff.bak");
+    AddBackupSetFilename(m_pInfo, L"Diff", L"diff2.bak");
+    ASSERT_TRUE(BuildBackupInfoFromSet(m_pInfo, 3, 1, nullptr, nullptr));
+    AddBackupSetFilename(m_pInfo, L"Log", L"log1.trn");
+    ASSERT_TRUE(BuildBackupInfoFromSet(m_pInfo, 3, 2, nullptr, nullptr));
+    AddBackupSetFilename(m_pInfo, L"Log", L"log2a.trn");
+    AddBackupSetFilename(m_pInfo, L"Log", L"log2b.trn");
+
+    ZR_BackupInfo* pFull = m_pInfo->GetFull();
+    ASSERT_NE(pFull, nullptr);
+    EXPECT_EQ(pFull->m_eType, ZR_BACKUP_FULL);
+    EXPECT_EQ(pFull->m_iDataSet, 3);
+    ASSERT_EQ(pFull->GetNumFileNames(), 2);
+    EXPECT_EQ(Text(pFull->GetFileName(0)), L"full1.bak");
+    EXPECT_EQ(Text(pFull->GetFileName(1)), L"full2.bak");
+    ASSERT_TRUE(GetDiff(m_pInfo));
+    EXPECT_EQ(m_pInfo->GetDiff()->GetNumFileNames(), 2);
+    ASSERT_EQ(GetNumberOfLogs(m_pInfo), 2);
+    EXPECT_TRUE(GetLog(m_pInfo, 1));
+    EXPECT_EQ(m_pInfo->GetLog(0)->GetNumFileNames(), 1);
+    EXPECT_EQ(m_pInfo->GetLog(1)->GetNumFileNames(), 2);
+    EXPECT_EQ(m_pInfo->GetLog(1)->m_iDataSet, 2);
+    EXPECT_EQ(m_pInfo->GetLog(1)->m_eType, ZR_BACKUP_LOG);
+}
+
+TEST_F(MountRequest, FullAndDifferentialExistOnceAndOtherTypesAreRefused) {
+    EXPECT_FALSE(GetDiff(m_pInfo));
+    EXPECT_TRUE(BuildBackupInfoFromSet(m_pInfo, 1, 1, nullptr, nullptr));
+    EXPECT_FALSE(BuildBackupInfoFromSet(m_pInfo, 1, 7, nullptr, nullptr));
+    EXPECT_EQ(m_pInfo->GetFull()->m_iDataSet, 1);
+    EXPECT_TRUE(BuildBackupInfoFromSet(m_pInfo, 2, 1, nullptr, nullptr));
+    EXPECT_FALSE(BuildBackupInfoFromSet(m_pInfo, 2, 1, nullptr, nullptr));
+    EXPECT_FALSE(BuildBackupInfoFromSet(m_pInfo, 0, 1, nullptr, nullptr));
+    EXPECT_FALSE(BuildBackupInfoFromSet(m_pInfo, 4, 1, nullptr, nullptr));
+    EXPECT_EQ(GetNumberOfLogs(m_pInfo), 0);
+
+    ZR_BackupInfo* pFull = m_pInfo->GetFull();
+    EXPECT_EQ(m_pInfo->NewFull(5), nullptr);
+    EXPECT_EQ(m_pInfo->GetFull(), pFull);
+    EXPECT_EQ(m_pInfo->NewDiff(5), nullptr);
+}
+
+TEST_F(MountRequest, ThePlainPasswordKeyWinsOverTheEncryptedOne) {
+    ASSERT_TRUE(BuildBackupInfoFromSet(m_pInfo, 1, 1, L"plain", L"secret"));
+    EXPECT_EQ(Text(m_pInfo->GetFull()->m_wszPasswordKey), L"plain");
+    EXPECT_FALSE(m_pInfo->GetFull()->m_bPasswordKeyEncrypted);
+    ASSERT_TRUE(BuildBackupInfoFromSet(m_pInfo, 2, 1, nullptr, L"secret"));
+    EXPECT_EQ(Text(m_pInfo->GetDiff()->m_wszPasswordKey), L"secret");
+    EXPECT_TRUE(m_pInfo->GetDiff()->m_bPasswordKeyEncrypted);
+    ASSERT_TRUE(BuildBackupInfoFromSet(m_pInfo, 3, 1, nullptr, nullptr));
+    EXPECT_EQ(m_pInfo->GetLog(0)->m_wszPasswordKey, nullptr);
+}
+
+TEST_F(MountRequest, SettersKeepCopies) {
+    std::wstring strKey = L"Sales";
+    SetMountKey(m_pInfo, strKey.c_str());
+    strKey[0] = L'X';
+    EXPECT_EQ(Text(m_pInfo->GetMountKey()), L"Sales");
+    SetTargetDatabase(m_pInfo, L"SalesCopy");
+    SetFilterDrive(m_pInfo, L"C:\\");
+    EXPECT_EQ(Text(m_pInfo->GetTargetDatabase()), L"SalesCopy");
+    EXPECT_EQ(Text(m_pInfo->GetFilterDrive()), L"C:\\");
+
+    SetFileAccessAccount(m_pInfo, L"user", L"pw");
+    SetFileAccessAccount(m_pInfo, L"other", nullptr);
+    EXPECT_EQ(Text(m_pInfo->GetFileAccessUser()), L"other");
+    EXPECT_EQ(Text(m_pInfo->GetFileAccessPassword()), L"pw");
+    SetFileAccessAccount(m_pInfo, nullptr, L"pw2");
+    EXPECT_EQ(Text(m_pInfo->GetFileAccessUser()), L"other");
+    EXPECT_EQ(Text(m_pInfo->GetFileAccessPassword()), L"pw2");
+
+    EXPECT_FALSE(m_pInfo->GetRestart());
+    SetRestart(m_pInfo);
+    EXPECT_TRUE(m_pInfo->GetRestart());
+}
+
+TEST_F(MountRequest, GuidParsesIntoTheRecord) {
+    EXPECT_EQ(SetGuid(m_pInfo, L"6b29fc40-ca47-1067-b31d-00dd010662da"), 0);
+    const GUID guid = m_pInfo->GetGuid();
+    EXPECT_EQ(guid.Data1, 0x6B29FC40u);
+    EXPECT_EQ(guid.Data2, 0xCA47u);
+    EXPECT_EQ(guid.Data3, 0x1067u);
+    EXPECT_EQ(guid.Data4[0], 0xB3u);
+    EXPECT_EQ(guid.Data4[7], 0xDAu);
+    EXPECT_NE(SetGuid(m_pInfo, L"not a guid"), 0);
+}
+
+TEST_F(MountRequest, StopExportFillsTheStop) {
+    EXPECT_EQ(m_pInfo->GetStop().m_eStopType, ZR_STOP_UNDEFINED);
+    EXPECT_TRUE(SetStop(m_pInfo, L"STOPATMARK='lsn:1:2:3'"));
+    EXPECT_EQ(m_pInfo->GetStop().m_eStopType, ZR_STOP_AT_LSN);
+    EXPECT_FALSE(SetStop(m_pInfo, L"STOPATMARK"));
+    EXPECT_EQ(m_pInfo->GetStop().m_eStopType, ZR_STOP_UNDEFINED);
+    EXPECT_FALSE(SetStop(m_pInfo, nullptr));
+}
+
+}  // namespace

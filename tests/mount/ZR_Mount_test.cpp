@@ -1,0 +1,378 @@
+#include "mount/ZR.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "diag/ZR_Error.h"
+#include "mount/ZR_MountStepsTesting.h"
+#include "zirlane/zirlane.h"
+
+// Reaches the private mounts of a virtual file name.
+struct ZR_TestAccess {
+    static ZR_Database* Mount(ZR_FileInfo* pFileInfo) { return ZR::GetZR()->Mount(pFileInfo); }
+};
+
+namespace {
+
+enum FailAt { FAIL_NONE, FAIL_CONTENT, FAIL_ACCESS, FAIL_OPEN, FAIL_NAMES };
+
+// Stands in for the backup work of a mount and notes what the mount had
+// built by the time each step came.
+class ScriptedSteps : public ZR_MountSteps {
+public:
+    bool PrepareContent(ZR_Database* pDB) override {
+        m_aSteps.push_back("content");
+        m_iBackupSlots = pDB->GetNumBackups();
+        m_bDiffFollows = pDB->GetFull() && pDB->GetFull()->m_bDiffFollows;
+        m_bFoundDuringMount = ZR::FindDatabase(pDB->GetMountKey()) == pDB;
+        return Step(pDB, FAIL_CONTENT);
+    }
+    bool PrepareAccess(ZR_Database* pDB, const ZR_StopInfo& stop) override {
+        m_aSteps.push_back("access");
+        m_eStopType = stop.m_eStopType;
+        return Step(pDB, FAIL_ACCESS);
+    }
+    bool OpenBackups(ZR_Database* pDB) override {
+        m_aSteps.push_back("open");
+        m_iStateAtOpen = pDB->GetState();
+        return Step(pDB, FAIL_OPEN);
+    }
+    bool ReadSourceNames(ZR_Database* pDB, std::wstring* pstrServer, std::wstring* pstrDatabase) override {
+        m_aSteps.push_back("names");
+        *pstrServer = m_strServer;
+        *pstrDatabase = L"Sales";
+        return Step(pDB, FAIL_NAMES);
+    }
+
+    FailAt m_eFailAt = FAIL_NONE;
+    std::wstring m_strServer = L"HOST\\INST";
+    std::vector<std::string> m_aSteps;
+    int m_iBackupSlots = -1;
+    bool m_bDiffFollows = false;
+    bool m_bFoundDuringMount = false;
+    int m_iStateAtOpen = -1;
+    ZR_StopType_e m_eStopType = ZR_STOP_UNDEFINED;
+
+private:
+    bool Step(ZR_Database* pDB, FailAt eStep) {
+        if (m_eFailAt != eStep) return true;
+        ZR_Error(pDB->GetMountKey(), __FILE__, "ScriptedSteps", __LINE__, "scripted failure %d\n", int(eStep));
+        return false;
+    }
+};
+
+std::wstring Errors(const wchar_t* wszKey) {
+    wchar_t* wsz = ZR_ReadErrors(wszKey);
+    std::wstring str = wsz ? wsz : L"";
+    free(wsz);
+    return str;
+}
+
+bool Contains(const std::wstring& strText, const wchar_t* wszPart) {
+    return strText.find(wszPart) != std::wstring::npos;
+}
+
+class MountFlow : public testing::Test {
+protected:
+    void SetUp() override {
+        InitializeZR(0);
+        ZR::UninitializeForExit();
+        ZR_ClearErrors(nullptr);
+        m_pOldSteps = ZR_InstallMountStepsForTesting(&m_steps);
+    }
+    void TearDown() override {
+        ZR_InstallMountStepsForTesting(m_pOldSteps);
+        ZR::UninitializeForExit();
+        for (ZR_MountInfo* pInfo : m_aInfos) FreeMountInfo(pInfo);
+    }
+
+    // A request with a full backup of one file, and a differential and logs
+    // on demand.
+    ZR_MountInfo* Request(const wchar_t* wszKey, bool bDiff = false, int iLogs = 0) {
+        ZR_MountInfo* pInfo = AllocateMountInfo();
+        m_aInfos.push_back(pInfo);
+        BuildBackupInfoFromSet(pInfo, 1, 2, nullptr, nullptr);
+        AddBackupSetFilename(pInfo, L"Full", L"full.bak");
+        if (bDiff) {
+            BuildBackupInfoFromSet(pInfo, 2, 1, nullptr, nullptr);
+            AddBackupSetFilename(pInfo, L"Diff", L"diff.bak");
+        }
+        for (int i = 0; i < iLogs; ++i) {
+            BuildBackupInfoFromSet(pInfo, 3, 1, nullptr, nullptr);
+            AddBackupSetFilename(pInfo, L"Log", L"log.trn");
+        }
+        if (wszKey) SetMountKey(pInfo, wszKey);
+        return pInfo;
+    }
+
+    // Mounts and hands back the key that came out (empty when none).
+    bool Mount(ZR_MountInfo* pInfo, std::wstring* pstrKey) {
+        wchar_t* wszKey = nullptr;
+        const bool bMounted = ZR::GetZR()->Mount(pInfo, &wszKey);
+        *pstrKey = wszKey ? wszKey : L"";
+        free(wszKey);
+        return bMounted;
+    }
+
+    ScriptedSteps m_steps;
+    ZR_MountSteps* m_pOldSteps = nullptr;
+    std::vector<ZR_MountInfo*> m_aInfos;
+};
+
+TEST_F(MountFlow, ARequestWithoutKeyIsKnownByItsGuidInUpperCase) {
+    ZR_MountInfo* pInfo = Request(nullptr);
+    ASSERT_EQ(SetGuid(pInfo, L"6b29fc40-ca47-1067-b31d-00dd010662da"), 0);
+    ZR::GetZR()->SetFilterVolume(L"C:\\volume\\");
+    std::wstring strKey;
+    ASSERT_TRUE(Mount(pInfo, &strKey));
+    EXPECT_EQ(strKey, L"GUID=6B29FC40-CA47-1067-B31D-00DD010662DA");
+    EXPECT_EQ(std::wstring(pInfo->GetMountKey()), strKey);
+
+    ZR_Database* pDB = ZR::FindDatabase(strKey.c_str());
+    ASSERT_NE(pDB, nullptr);
+    EXPECT_EQ(pDB->GetGuid(), pInfo->GetGuid());
+    EXPECT_EQ(g_DBs.FindByGuid(pInfo->GetGuid()), pDB);
+    EXPECT_EQ(std::wstring(pDB->GetSourceMachine()), L"HOST");
+    EXPECT_EQ(std::wstring(pDB->GetSourceInstance()), L"INST");
+    EXPECT_EQ(std::wstring(pDB->GetSourceDatabase()), L"Sales");
+    EXPECT_EQ(std::wstring(pDB->GetFilterVolume()), L"C:\\volume");
+    EXPECT_EQ(pDB->GetState(), ZR_VDB_STATE_PREPARED);
+    EXPECT_EQ(m_steps.m_iStateAtOpen, ZR_VDB_STATE_PREPARED);
+    EXPECT_EQ(m_steps.m_aSteps, (std::vector<std::string>{"content", "access", "open", "names"}));
+    // Nothing can find a database before its backups are open.
+    EXPECT_FALSE(m_steps.m_bFoundDuringMount);
+}
+
+TEST_F(MountFlow, EveryMountWithoutKeyOrGuidGetsItsOwnKey) {
+    std::wstring strKey1, strKey2;
+    ASSERT_TRUE(Mount(Request(L""), &strKey1));
+    ASSERT_TRUE(Mount(Request(nullptr), &strKey2));
+    EXPECT_EQ(strKey1.rfind(L"GUID=", 0), 0u);
+    EXPECT_EQ(strKey2.rfind(L"GUID=", 0), 0u);
+    EXPECT_EQ(strKey1.size(), 41u);
+    EXPECT_NE(strKey1, strKey2);
+    EXPECT_NE(ZR::FindDatabase(strKey1.c_str()), ZR::FindDatabase(strKey2.c_str()));
+}
+
+TEST_F(MountFlow, ServerWithoutInstanceLeavesTheInstanceEmpty) {
+    m_steps.m_strServer = L"HOST";
+    std::wstring strKey;
+    ASSERT_TRUE(Mount(Request(L"k"), &strKey));
+    ZR_Database* pDB = ZR::FindDatabase(L"k");
+    ASSERT_NE(pDB, nullptr);
+    EXPECT_EQ(std::wstring(pDB->GetSourceMachine()), L"HOST");
+    EXPECT_EQ(std::wstring(pDB->GetSourceInstance()), L"");
+    EXPECT_EQ(pDB->GetFilterVolume(), nullptr);
+}
+
+TEST_F(MountFlow, TheSameKeyTwiceMakesTwoDatabasesAndLookupsFindTheOlder) {
+    std::wstring strKey;
+    ASSERT_TRUE(Mount(Request(L"Sales"), &strKey));
+    ZR_Database* pFirst = ZR::FindDatabase(L"Sales");
+    ASSERT_TRUE(Mount(Request(L"SALES"), &strKey));
+    EXPECT_EQ(strKey, L"SALES");
+    EXPECT_EQ(static_cast<int>(g_DBs), 2);
+    EXPECT_EQ(ZR::FindDatabase(L"sales"), pFirst);
+    EXPECT_EQ(ZR::FindDatabase(L"SALES"), pFirst);
+    EXPECT_EQ(g_DBs.IndexOf(pFirst), 0);
+    EXPECT_EQ(ZR::FindDatabase(L"other"), nullptr);
+}
+
+TEST_F(MountFlow, TheChainStandsInItsSlots) {
+    std::wstring strKey;
+    ASSERT_TRUE(Mount(Request(L"logs", false, 2), &strKey));
+    EXPECT_EQ(m_steps.m_iBackupSlots, 4);
+    EXPECT_FALSE(m_steps.m_bDiffFollows);
+    ZR_Database* pDB = ZR::FindDatabase(L"logs");
+    ASSERT_NE(pDB, nullptr);
+    EXPECT_EQ(pDB->GetDiff(), nullptr);
+    ASSERT_NE(pDB->GetBackup(3), nullptr);
+    EXPECT_EQ(pDB->GetBackup(3)->GetNumFiles(), 1);
+    EXPECT_EQ(pDB->GetFull()->GetDataSetNumber(), 2);
+    EXPECT_EQ(pDB->GetFull()->GetFile(0)->GetDataSet(), 2);
+    EXPECT_EQ(std::wstring(pDB->GetFull()->GetKey()), L"logs");
+
+    ASSERT_TRUE(Mount(Request(L"diff", true, 1), &strKey));
+    EXPECT_EQ(m_steps.m_iBackupSlots, 3);
+    EXPECT_TRUE(m_steps.m_bDiffFollows);
+}
+
+TEST_F(MountFlow, TheStopOfTheRequestReachesPrepareAccess) {
+    ZR_MountInfo* pInfo = Request(L"stop");
+    ASSERT_TRUE(SetStop(pInfo, L"STOPATMARK='lsn:1:2:3'"));
+    std::wstring strKey;
+    ASSERT_TRUE(Mount(pInfo, &strKey));
+    EXPECT_EQ(m_steps.m_eStopType, ZR_STOP_AT_LSN);
+}
+
+// Each failing step leaves nothing in g_DBs, hands back the key, and
+// records the step's own reason under the key and the mount's under no key.
+TEST_F(MountFlow, AFailureAtAnyStepLeavesNothingBehind) {
+    const struct {
+        FailAt eFailAt;
+        const wchar_t* wszMountError;  // null: the mount only traces
+    } aCases[] = {
+        {FAIL_CONTENT, nullptr},
+        {FAIL_ACCESS, L"Failed to prepare backup for access\n"},
+        {FAIL_OPEN, L"Failed to open backup files\n"},
+        {FAIL_NAMES, nullptr},
+    };
+    for (const auto& c : aCases) {
+        SCOPED_TRACE(int(c.eFailAt));
+        ZR_ClearErrors(nullptr);
+        m_steps.m_eFailAt = c.eFailAt;
+        m_steps.m_aSteps.clear();
+        std::wstring strKey;
+        EXPECT_FALSE(Mount(Request(L"Failing"), &strKey));
+        EXPECT_EQ(strKey, L"Failing");
+        EXPECT_EQ(static_cast<int>(g_DBs), 0);
+        EXPECT_EQ(m_steps.m_aSteps.size(), size_t(c.eFailAt));
+        EXPECT_TRUE(Contains(Errors(L"Failing"), L"scripted failure"));
+        const std::wstring strNullKey = Errors(nullptr);
+        if (c.wszMountError)
+            EXPECT_TRUE(Contains(strNullKey, c.wszMountError)) << testing::PrintToString(strNullKey);
+        else
+            EXPECT_TRUE(strNullKey.empty()) << testing::PrintToString(strNullKey);
+        ZR_ClearErrors(L"Failing");
+    }
+}
+
+TEST_F(MountFlow, ARequestWithoutFullBackupIsRefusedAfterTheKeyIsMade) {
+    ZR_MountInfo* pInfo = AllocateMountInfo();
+    m_aInfos.push_back(pInfo);
+    BuildBackupInfoFromSet(pInfo, 3, 1, nullptr, nullptr);
+    std::wstring strKey;
+    EXPECT_FALSE(Mount(pInfo, &strKey));
+    EXPECT_EQ(strKey.rfind(L"GUID=", 0), 0u);
+    EXPECT_TRUE(Contains(Errors(nullptr), L"A mount needs a full backup"));
+    EXPECT_TRUE(m_steps.m_aSteps.empty());
+    EXPECT_EQ(static_cast<int>(g_DBs), 0);
+}
+
+TEST_F(MountFlow, ARecordOfAnUnknownTypeIsRefused) {
+    ZR_MountInfo* pInfo = Request(L"typed", true);
+    pInfo->GetDiff()->m_eType = static_cast<ZR_BackupType_e>(7);
+    std::wstring strKey;
+    EXPECT_FALSE(Mount(pInfo, &strKey));
+    EXPECT_TRUE(Contains(Errors(nullptr), L"Not a supported backup type (7)"));
+    EXPECT_EQ(static_cast<int>(g_DBs), 0);
+}
+
+// Without the test steps a mount meets the library's own: this build cannot
+// read backup content, and says so under the mount key.
+TEST_F(MountFlow, TheLibrarysOwnStepsRefuseToPretend) {
+    ZR_InstallMountStepsForTesting(nullptr);
+    std::wstring strKey;
+    EXPECT_FALSE(Mount(Request(L"real"), &strKey));
+    const std::wstring strErrors = Errors(L"real");
+    EXPECT_TRUE(Contains(strErrors, L"Failed to prepare backup content for backup id: 0 SQL version: 0"));
+    EXPECT_TRUE(Contains(strErrors, L"Reading backup content is not available in this build"));
+    EXPECT_EQ(static_cast<int>(g_DBs), 0);
+}
+
+TEST_F(MountFlow, RemoveEndsTheMountAndClearsOnlyItsKey) {
+    std::wstring strKey;
+    ASSERT_TRUE(Mount(Request(L"one"), &strKey));
+    ASSERT_TRUE(Mount(Request(L"two"), &strKey));
+    ZR_Database* pOne = ZR::FindDatabase(L"one");
+    ASSERT_NE(pOne, nullptr);
+    pOne->AssociateDataFile(3, 11, FileObjectUniquifier{{0, 0, 1, 0}}, L"D:\\data\\one.mdf");
+    EXPECT_EQ(g_DBs.FindByDataFileName(L"d:\\DATA\\ONE.MDF"), pOne);
+    EXPECT_EQ(g_DBs.FindByMountFileKey(11, 3), pOne);
+    EXPECT_EQ(g_DBs.FindByMountFileKey(12, 3), nullptr);
+
+    ZR_Error(L"one", __FILE__, "test", __LINE__, "one failed\n");
+    ZR_Error(L"two", __FILE__, "test", __LINE__, "two failed\n");
+    ZR_Error(L"three", __FILE__, "test", __LINE__, "three failed\n");
+    ZR::GetZR()->Remove(L"one");
+    EXPECT_EQ(ZR::FindDatabase(L"one"), nullptr);
+    EXPECT_NE(ZR::FindDatabase(L"two"), nullptr);
+    EXPECT_EQ(Errors(L"one"), L"");
+    EXPECT_TRUE(Contains(Errors(L"two"), L"two failed"));
+
+    // An unknown key still loses its errors, and nothing else changes.
+    ZR::GetZR()->Remove(L"three");
+    EXPECT_EQ(Errors(L"three"), L"");
+    EXPECT_TRUE(Contains(Errors(L"two"), L"two failed"));
+    EXPECT_EQ(static_cast<int>(g_DBs), 1);
+}
+
+TEST_F(MountFlow, UninitializeForExitEmptiesTheList) {
+    std::wstring strKey;
+    ASSERT_TRUE(Mount(Request(L"a"), &strKey));
+    ASSERT_TRUE(Mount(Request(L"b"), &strKey));
+    g_DBs.Append(nullptr);  // an empty slot is passed over
+    ASSERT_TRUE(Mount(Request(L"c"), &strKey));
+    ZR::UninitializeForExit();
+    EXPECT_EQ(static_cast<int>(g_DBs), 1);
+    EXPECT_EQ(ZR::FindDatabase(L"c"), nullptr);
+    g_DBs.Remove(0, false);
+    EXPECT_NE(ZR::GetZR(), nullptr);
+}
+
+TEST_F(MountFlow, WrapMountChecksItsArgumentsAndNeedsTheDriver) {
+    ZR_MountInfo* pInfo = Request(L"wrapped");
+    wchar_t wszKey[64] = L"x";
+    EXPECT_FALSE(WrapMount(pInfo, nullptr, 64));
+    EXPECT_FALSE(WrapMount(pInfo, wszKey, 0));
+    EXPECT_FALSE(WrapMount(nullptr, wszKey, 64));
+    EXPECT_EQ(wszKey[0], L'x');  // untouched before the request is checked
+    // No driver has registered its control port here.
+    EXPECT_FALSE(WrapMount(pInfo, wszKey, 64));
+    EXPECT_EQ(wszKey[0], 0);
+    EXPECT_TRUE(m_steps.m_aSteps.empty());
+    EXPECT_EQ(static_cast<int>(g_DBs), 0);
+}
+
+TEST_F(MountFlow, ABackupsNameMountsItsFilesByTheirMarks) {
+    ZR_FileInfo fileInfo;
+    fileInfo.m_eScheme = ZR_FILE_BACKUPS;
+    fileInfo.m_strMountKey = L"Backups=Sales!list";
+    fileInfo.m_strFolder = L"\\\\host\\share";
+    for (const wchar_t* wsz : {L"D:\\b\\sales!full.bak", L"D:\\b\\sales.bak", L"D:\\b\\sales!Diff.bak",
+                               L"D:\\b\\sales!log1.trn", L"D:\\b\\sales!LOG2.trn", L"D:\\b\\sales!FULL2.bak"})
+        fileInfo.m_aBackupFiles.Append(_wcsdup(wsz));
+    ZR_Database* pDB = ZR_TestAccess::Mount(&fileInfo);
+    ASSERT_NE(pDB, nullptr);
+    EXPECT_EQ(pDB, ZR::FindDatabase(L"backups=sales!LIST"));
+    EXPECT_EQ(std::wstring(pDB->GetFilterVolume()), L"\\\\host\\share");
+    ASSERT_EQ(pDB->GetNumBackups(), 4);
+    EXPECT_EQ(pDB->GetFull()->GetNumFiles(), 2);
+    EXPECT_EQ(std::wstring(pDB->GetFull()->GetFile(0)->GetFileName()), L"D:\\b\\sales!full.bak");
+    EXPECT_EQ(pDB->GetDiff()->GetNumFiles(), 1);
+    EXPECT_EQ(pDB->GetBackup(2)->GetNumFiles(), 1);
+    EXPECT_EQ(pDB->GetFull()->GetDataSetNumber(), 1);
+    EXPECT_TRUE(m_steps.m_bDiffFollows);
+
+    // The same name again finds the mount instead of making another.
+    EXPECT_EQ(ZR_TestAccess::Mount(&fileInfo), pDB);
+    EXPECT_EQ(static_cast<int>(g_DBs), 1);
+}
+
+TEST_F(MountFlow, OtherNamesOnlyFindMounts) {
+    std::wstring strKey;
+    ZR_MountInfo* pInfo = Request(L"found");
+    ASSERT_TRUE(Mount(pInfo, &strKey));
+    ZR_Database* pDB = ZR::FindDatabase(L"found");
+
+    ZR_FileInfo byGuid;
+    byGuid.m_eScheme = ZR_FILE_GUID;
+    byGuid.m_Guid = pDB->GetGuid();
+    EXPECT_EQ(ZR_TestAccess::Mount(&byGuid), pDB);
+
+    ZR_FileInfo byKey;
+    byKey.m_eScheme = ZR_FILE_VDB;
+    byKey.m_strMountKey = L"FOUND";
+    EXPECT_EQ(ZR_TestAccess::Mount(&byKey), pDB);
+    byKey.m_strMountKey = L"missing";
+    EXPECT_EQ(ZR_TestAccess::Mount(&byKey), nullptr);
+    byKey.m_eScheme = ZR_FILE_STOP;
+    byKey.m_strMountKey = L"found";
+    EXPECT_EQ(ZR_TestAccess::Mount(&byKey), nullptr);
+    EXPECT_EQ(static_cast<int>(g_DBs), 1);
+}
+
+}  // namespace
