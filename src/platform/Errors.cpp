@@ -77,6 +77,7 @@ constexpr MessageText kMessages[] = {
     {ERROR_NOT_FOUND, "Element not found."},
     {ERROR_CONNECTION_INVALID, "An operation was attempted on a nonexistent network connection."},
     {ERROR_TIMEOUT, "This operation returned because the timeout period expired."},
+    {ERROR_INVALID_ADDRESS, "Attempt to access invalid address."},
     {ERROR_INVALID_USER_BUFFER, "The supplied user buffer is not valid for the requested operation."},
 };
 

@@ -1,0 +1,144 @@
+// The wide and narrow string helpers of the C runtime. The formatting
+// functions take C conversions; the Windows ones (%S, %I64d) are translated
+// before they get here.
+#include "platform/win32.h"
+
+#include <strings.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cwctype>
+#include <string>
+#include <vector>
+
+namespace {
+
+template <class Char, class Fold>
+int CompareFolded(const Char* a, const Char* b, size_t n, Fold fold) {
+    for (size_t i = 0; i < n; ++i) {
+        auto x = fold(a[i]), y = fold(b[i]);
+        if (x != y)
+            return x < y ? -1 : 1;
+        if (x == 0)
+            return 0;
+    }
+    return 0;
+}
+
+wint_t FoldWide(wchar_t c) { return std::towlower(static_cast<wint_t>(c)); }
+
+template <class Map>
+wchar_t* MapInPlace(wchar_t* s, Map map) {
+    for (wchar_t* p = s; p && *p; ++p)
+        *p = static_cast<wchar_t>(map(static_cast<wint_t>(*p)));
+    return s;
+}
+
+// The characters of a wide format: vswprintf only says that they did not
+// fit, so the buffer grows until they do.
+int WideLength(const wchar_t* format, va_list args, std::wstring* text) {
+    for (size_t capacity = 256; capacity <= (size_t(1) << 28); capacity *= 4) {
+        std::vector<wchar_t> buffer(capacity);
+        va_list copy;
+        va_copy(copy, args);
+        int length = std::vswprintf(buffer.data(), capacity, format, copy);
+        va_end(copy);
+        if (length >= 0) {
+            if (text)
+                text->assign(buffer.data(), static_cast<size_t>(length));
+            return length;
+        }
+        if (errno == EILSEQ || errno == EINVAL)
+            return -1;
+    }
+    return -1;
+}
+
+// Windows' truncation rule: the text and a terminator when they fit, the
+// first `count` characters and -1 when they do not (no terminator), `count`
+// when the text is exactly `count` long (no terminator either).
+template <class Char>
+int Truncated(Char* buffer, size_t count, const std::basic_string<Char>& text) {
+    size_t copied = std::min(count, text.size());
+    std::copy(text.begin(), text.begin() + copied, buffer);
+    if (text.size() < count) {
+        buffer[text.size()] = 0;
+        return static_cast<int>(text.size());
+    }
+    return text.size() == count ? static_cast<int>(count) : -1;
+}
+
+}  // namespace
+
+wchar_t* _wcsdup(const wchar_t* s) {
+    if (!s)
+        return nullptr;
+    size_t bytes = (std::wcslen(s) + 1) * sizeof(wchar_t);
+    auto* copy = static_cast<wchar_t*>(std::malloc(bytes));
+    if (copy)
+        std::copy(s, s + bytes / sizeof(wchar_t), copy);
+    return copy;
+}
+
+int _wcsicmp(const wchar_t* a, const wchar_t* b) { return CompareFolded(a, b, SIZE_MAX, FoldWide); }
+int _wcsnicmp(const wchar_t* a, const wchar_t* b, size_t n) { return CompareFolded(a, b, n, FoldWide); }
+int _stricmp(const char* a, const char* b) { return ::strcasecmp(a, b); }
+int _strnicmp(const char* a, const char* b, size_t n) { return ::strncasecmp(a, b, n); }
+wchar_t* _wcsupr(wchar_t* s) { return MapInPlace(s, std::towupper); }
+wchar_t* _wcslwr(wchar_t* s) { return MapInPlace(s, std::towlower); }
+
+int64_t _wtoi64(const wchar_t* s) { return s ? std::wcstoll(s, nullptr, 10) : 0; }
+
+int _wtoi(const wchar_t* s) {
+    int64_t value = _wtoi64(s);
+    return value > INT_MAX ? INT_MAX : value < INT_MIN ? INT_MIN : static_cast<int>(value);
+}
+
+long _wtol(const wchar_t* s) { return _wtoi(s); }
+
+int _vscwprintf(const wchar_t* format, va_list args) { return WideLength(format, args, nullptr); }
+
+int _vscprintf(const char* format, va_list args) {
+    va_list copy;
+    va_copy(copy, args);
+    int length = std::vsnprintf(nullptr, 0, format, copy);
+    va_end(copy);
+    return length;
+}
+
+int _vsnprintf(char* buffer, size_t count, const char* format, va_list args) {
+    int length = _vscprintf(format, args);
+    if (length < 0)
+        return -1;
+    std::string text(static_cast<size_t>(length), '\0');
+    va_list copy;
+    va_copy(copy, args);
+    std::vsnprintf(text.data(), text.size() + 1, format, copy);
+    va_end(copy);
+    return Truncated(buffer, count, text);
+}
+
+int _vsnwprintf(wchar_t* buffer, size_t count, const wchar_t* format, va_list args) {
+    std::wstring text;
+    if (WideLength(format, args, &text) < 0)
+        return -1;
+    return Truncated(buffer, count, text);
+}
+
+int _snprintf(char* buffer, size_t count, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    int result = _vsnprintf(buffer, count, format, args);
+    va_end(args);
+    return result;
+}
+
+int _snwprintf(wchar_t* buffer, size_t count, const wchar_t* format, ...) {
+    va_list args;
+    va_start(args, format);
+    int result = _vsnwprintf(buffer, count, format, args);
+    va_end(args);
+    return result;
+}
