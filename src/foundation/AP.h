@@ -53,8 +53,8 @@ struct ZR_EntryDestroy<char> {
 };
 
 template <class T>
-class AP : public ZR_ArrayStore<T*> {
-    using Store = ZR_ArrayStore<T*>;
+class AP : public ZR_ArrayStore<T*, true> {
+    using Store = ZR_ArrayStore<T*, true>;
 
 public:
     using Store::m_a;

@@ -1,7 +1,9 @@
 // The storage that A<T> and AP<T> share: the fields in their persisted order
 // and the primitives that move elements, so that growth and shifting are
 // written once. A<T> stores values (E = T), AP<T> stores owned pointers
-// (E = T*).
+// (E = T*). For A<T> m_bMapped says that the block itself lies in a view;
+// for AP<T> (kEntriesMapped) it says that the entries do, while the block of
+// pointers is always on the heap.
 //
 // Threads: every changing operation of the arrays takes m_cs; a caller that
 // needs several operations to be atomic brackets them with Lock and Unlock,
@@ -10,7 +12,7 @@
 
 #include "foundation/ArrayCore.h"
 
-template <class E>
+template <class E, bool kEntriesMapped = false>
 class ZR_ArrayStore {
 public:
     bool m_bcsInitialized = false;  // true while m_cs exists
@@ -60,7 +62,9 @@ protected:
     }
     zr_array::ScopedLock Guard() { return zr_array::ScopedLock(&m_cs, m_bcsInitialized); }
 
-    void Reserve(long long iCount) { zr_array::Reserve(&m_a, &m_iAlloc, m_i, iCount, &m_bMapped); }
+    void Reserve(long long iCount) {
+        zr_array::Reserve(&m_a, &m_iAlloc, m_i, iCount, kEntriesMapped ? nullptr : &m_bMapped);
+    }
 
     // Makes a raw slot at i (clamped to 0..m_i) by moving the tail up, and
     // counts it. The caller constructs the element in it.
