@@ -5,6 +5,7 @@
 #include <cwchar>
 
 #include "diag/ZR_Error.h"
+#include "foundation/Utf16.h"
 
 namespace {
 
@@ -42,26 +43,6 @@ static_assert(kBlockChecksumWords == 25 && kStreamChecksumWords == 10);
 std::wstring DecodeSingleByte(const uint8_t* pb, size_t iBytes) {
     std::wstring ws(pb, pb + iBytes);
     ws.resize(std::wcslen(ws.c_str()));
-    return ws;
-}
-
-// UTF-16LE to wide characters, up to the first zero unit; pairs of
-// surrogates are joined and a lone one becomes U+FFFD.
-// TODO: use the shared UTF-16 helpers of foundation/ once they are in.
-std::wstring DecodeUtf16(const uint8_t* pb, size_t iBytes) {
-    std::wstring ws;
-    size_t iUnits = iBytes / 2;
-    auto unit = [pb](size_t i) { return uint32_t(pb[2 * i] | pb[2 * i + 1] << 8); };
-    for (size_t i = 0; i < iUnits; i++) {
-        uint32_t c = unit(i);
-        if (c == 0) break;
-        if (c >= 0xD800 && c < 0xDC00 && i + 1 < iUnits && unit(i + 1) >= 0xDC00 && unit(i + 1) < 0xE000) {
-            c = 0x10000 + ((c - 0xD800) << 10) + (unit(++i) - 0xDC00);
-        } else if (c >= 0xD800 && c < 0xE000) {
-            c = 0xFFFD;
-        }
-        ws.push_back(wchar_t(c));
-    }
     return ws;
 }
 
@@ -142,7 +123,7 @@ bool MTF_ReadString(const void* pRecord, size_t iRecordSize, const MTF_TAPE_ADDR
                  "Unicode string at offset %d has an odd length of %d bytes.\n", int(ta.m_offset), int(ta.m_size));
         return false;
     }
-    *pws = DecodeUtf16(pb, ta.m_size);
+    *pws = Utf16Decode(pb, ta.m_size);
     return true;
 }
 
