@@ -1,0 +1,323 @@
+#include "backup/ZR_Scan.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+
+#include "ZR_ScanTestHelpers.h"
+#include "platform/FileCallsTesting.h"
+#include "support/SyntheticBackup.h"
+
+using namespace zrscantest;
+namespace fs = std::filesystem;
+
+namespace {
+
+const char* const kTwoSets = "gabrujo-WebDevelopment/StDb2EFRP/StDb2Sql.bak";
+const char* const kFull = "appveyor-lab/DoubleDiffing/difftest-full.bak";
+
+struct ScanRun {
+    bool bResult = false;
+    std::unique_ptr<ZR_Backup> pB;
+    std::unique_ptr<RecordingScan> pScan;
+};
+
+ScanRun Walk(const std::vector<fs::path>& aFiles, int iDataSet) {
+    ScanRun run;
+    run.pB = MakeBackup(aFiles, iDataSet);
+    run.pScan = std::make_unique<RecordingScan>(run.pB.get(), iDataSet);
+    run.bResult = run.pScan->ScanFiles();
+    return run;
+}
+
+zrtest::SyntheticBackup WriteSynthetic(const fs::path& path, zrtest::SyntheticOptions options) {
+    zrtest::SyntheticBackup backup(std::move(options));
+    EXPECT_TRUE(backup.Write(path)) << backup.Error();
+    return backup;
+}
+
+const RecordingScan::Block* FirstBlock(const RecordingScan& scan, const std::string& sType) {
+    for (const auto& b : scan.m_aBlocks)
+        if (b.sType == sType) return &b;
+    return nullptr;
+}
+
+class ScanTest : public ::testing::Test {
+protected:
+    void SetUp() override { ZR_ClearErrors(nullptr); }
+    void TearDown() override { ZR_ClearErrors(nullptr); }
+    zrtest::TempDir m_tmp;
+};
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Real backups
+// ---------------------------------------------------------------------------
+
+TEST_F(ScanTest, EveryNativeBackupWalksItsFirstDataSet) {
+    ZR_REQUIRE_TESTDATA();
+    auto aFiles = NativeTestBackups();
+    ASSERT_GT(aFiles.size(), 40u);
+    for (const auto& f : aFiles) {
+        SCOPED_TRACE(f.string());
+        ScanRun run = Walk({f}, 1);
+        EXPECT_TRUE(run.bResult) << std::string(ErrorsText().begin(), ErrorsText().end());
+        const RecordingScan& scan = *run.pScan;
+        ASSERT_FALSE(scan.m_aBlocks.empty());
+        EXPECT_EQ(scan.m_aBlocks.front().sType, "TAPE");
+        EXPECT_EQ(scan.m_aBlocks.back().sType, "SFMB");  // the filemark behind the ESET ends the walk
+        EXPECT_EQ(scan.m_aSsets, std::vector<int>{1});
+        EXPECT_GE(scan.Count("ESET"), 1);
+        EXPECT_EQ(scan.m_aRaidLengths.size(), 1u);
+        // Database backups hold data; a log backup's share of a stripe set
+        // can be empty.
+        if (f.extension() == ".bak") {
+            EXPECT_FALSE(scan.m_aData.empty());
+        }
+    }
+}
+
+TEST_F(ScanTest, FirstDataSetStopsBeforeTheAppendedOne) {
+    ZR_REQUIRE_TESTDATA();
+    ScanRun run = Walk({*zrtest::TestDataFile(kTwoSets)}, 1);
+    ASSERT_TRUE(run.bResult);
+    for (const auto& b : run.pScan->m_aBlocks) EXPECT_LE(b.iDataSet, 1) << b.sType << " at " << b.iOffset;
+}
+
+TEST_F(ScanTest, AppendedDataSetIsReachedThroughTheFilemarks) {
+    ZR_REQUIRE_TESTDATA();
+    ScanRun run = Walk({*zrtest::TestDataFile(kTwoSets)}, 2);
+    ASSERT_TRUE(run.bResult) << std::string(ErrorsText().begin(), ErrorsText().end());
+    const RecordingScan& scan = *run.pScan;
+    EXPECT_EQ(scan.m_aSsets, std::vector<int>{2});
+    // Nothing of data set 1 was walked: the SSET of set 2 follows the TAPE.
+    ASSERT_GE(scan.m_aBlocks.size(), 2u);
+    EXPECT_EQ(scan.m_aBlocks[1].sType, "SSET");
+    EXPECT_EQ(scan.m_aBlocks[1].iDataSet, 2);
+    EXPECT_FALSE(scan.m_aData.empty());
+}
+
+TEST_F(ScanTest, DataSetAboveTheLastIsNotFound) {
+    ZR_REQUIRE_TESTDATA();
+    ScanRun run = Walk({*zrtest::TestDataFile(kTwoSets)}, 3);
+    EXPECT_FALSE(run.bResult);
+    EXPECT_TRUE(ErrorsContain(L"Dataset #3 not found in backup."));
+    EXPECT_TRUE(ErrorsContain(L"Abort during scan of backup file #0."));
+}
+
+TEST_F(ScanTest, FlippedBlockHeaderGivesCorruptionWithNameAndOffset) {
+    ZR_REQUIRE_TESTDATA();
+    fs::path copy = m_tmp / "flipped.bak";
+    fs::copy_file(*zrtest::TestDataFile(kFull), copy);
+    int64_t iMsci = 0;
+    {
+        ScanRun clean = Walk({copy}, 1);
+        ASSERT_TRUE(clean.bResult);
+        const RecordingScan::Block* pMsci = FirstBlock(*clean.pScan, "MSCI");
+        ASSERT_NE(pMsci, nullptr);
+        iMsci = pMsci->iOffset;
+    }
+    FlipByte(copy, static_cast<uint64_t>(iMsci) + 20);
+    ZR_ClearErrors(nullptr);
+    ScanRun run = Walk({copy}, 1);
+    EXPECT_FALSE(run.bResult);
+    std::wstring expected =
+        L"DBLK Corruption detected in \"" + Wide(copy) + L"\" at offset " + std::to_wstring(iMsci) + L".";
+    EXPECT_TRUE(ErrorsContain(expected)) << std::string(ErrorsText().begin(), ErrorsText().end());
+    EXPECT_TRUE(ErrorsContain(L"Error during scan of backup file #0."));
+    EXPECT_TRUE(FirstBlock(*run.pScan, "MSCI") == nullptr);
+}
+
+// Cut inside the data of a stream, the walk meets the end of the file where
+// it expects the next header and ends there; cut inside a header, the header
+// cannot be read whole and the scan fails.
+TEST_F(ScanTest, TruncatedFileEndsTheWalk) {
+    ZR_REQUIRE_TESTDATA();
+    fs::path source = *zrtest::TestDataFile(kFull);
+    ScanRun clean = Walk({source}, 1);
+    ASSERT_TRUE(clean.bResult);
+    ASSERT_FALSE(clean.pScan->m_aData.empty());
+    const auto& mqda = clean.pScan->m_aData.front();
+    const RecordingScan::Block* pMsci = FirstBlock(*clean.pScan, "MSCI");
+    ASSERT_NE(pMsci, nullptr);
+
+    fs::path inData = m_tmp / "cut_in_data.bak";
+    fs::copy_file(source, inData);
+    fs::resize_file(inData, static_cast<uint64_t>(mqda.iOffset) + mqda.iLength / 2);
+    ScanRun cutData = Walk({inData}, 1);
+    EXPECT_TRUE(cutData.bResult);
+    EXPECT_EQ(cutData.pScan->Count("ESET"), 0);
+
+    fs::path inHeader = m_tmp / "cut_in_header.bak";
+    fs::copy_file(source, inHeader);
+    fs::resize_file(inHeader, static_cast<uint64_t>(pMsci->iOffset) + 30);
+    ZR_ClearErrors(nullptr);
+    ScanRun cutHeader = Walk({inHeader}, 1);
+    EXPECT_FALSE(cutHeader.bResult);
+    EXPECT_TRUE(ErrorsContain(L"Failed to read 52 bytes from " + Wide(inHeader) + L" at offset " +
+                              std::to_wstring(pMsci->iOffset) + L"."));
+}
+
+namespace {
+
+struct ReadLog {
+    std::mutex m;
+    std::vector<std::pair<uint64_t, uint64_t>> aReads;  // offset, length
+};
+ReadLog g_readLog;
+decltype(&::ReadFile) g_realReadFile = nullptr;
+
+BOOL LoggingReadFile(HANDLE h, LPVOID p, DWORD n, LPDWORD pRead, LPOVERLAPPED pOv) {
+    if (pOv) {
+        std::lock_guard<std::mutex> lock(g_readLog.m);
+        g_readLog.aReads.push_back({(uint64_t(pOv->OffsetHigh) << 32) | pOv->Offset, n});
+    }
+    return g_realReadFile(h, p, n, pRead, pOv);
+}
+
+}  // namespace
+
+TEST_F(ScanTest, DataOfSqlStreamsIsNeverRead) {
+    ZR_REQUIRE_TESTDATA();
+    fs::path file = *zrtest::TestDataFile(kTwoSets);
+    g_readLog.aReads.clear();
+    ScanRun run;
+    {
+        zr::platform::testing::ScopedFileCalls restore;
+        g_realReadFile = zr::platform::testing::ReplaceFileCall(&FileCalls::ReadFile, &LoggingReadFile);
+        run = Walk({file}, 1);
+    }
+    ASSERT_TRUE(run.bResult);
+    ASSERT_FALSE(run.pScan->m_aData.empty());
+    uint64_t iTotal = 0;
+    for (const auto& r : g_readLog.aReads) iTotal += r.second;
+    EXPECT_LT(iTotal, fs::file_size(file) / 4);
+    // Only the read-ahead window at either end of a stream's data may touch it.
+    const uint64_t iWindow = ZR_ReadAhead::ms_iDataSize + 4096;
+    for (const auto& d : run.pScan->m_aData) {
+        if (d.iLength < 3 * iWindow) continue;
+        uint64_t iInnerStart = static_cast<uint64_t>(d.iOffset) + iWindow;
+        uint64_t iInnerEnd = static_cast<uint64_t>(d.iOffset) + d.iLength - iWindow;
+        for (const auto& r : g_readLog.aReads)
+            EXPECT_FALSE(r.first < iInnerEnd && r.first + r.second > iInnerStart)
+                << d.sType << " data read at " << r.first << " for " << r.second;
+    }
+}
+
+TEST_F(ScanTest, UnsupportedFileAmongGoodOnesOnlyWarns) {
+    ZR_REQUIRE_TESTDATA();
+    auto compressed = zrtest::TestDataFile("JoeyCheung-Databases/TSQLV4.bak");
+    ASSERT_TRUE(compressed);
+    ScanRun run = Walk({*compressed, *zrtest::TestDataFile(kFull)}, 1);
+    EXPECT_TRUE(run.bResult);
+    EXPECT_TRUE(ErrorsContain(L"The " + Wide(*compressed) + L" file is not a supported backup."));
+    EXPECT_EQ(run.pScan->m_aSsets, std::vector<int>{1});
+}
+
+// ---------------------------------------------------------------------------
+// Synthetic backups
+// ---------------------------------------------------------------------------
+
+TEST_F(ScanTest, OlderVersionsWalk) {
+    for (int iVersion : {7, 8}) {
+        SCOPED_TRACE(iVersion);
+        zrtest::SyntheticOptions options;
+        options.version = iVersion;
+        fs::path path = m_tmp / ("v" + std::to_string(iVersion) + ".bak");
+        auto backup = WriteSynthetic(path, options);
+        ScanRun run = Walk({path}, 1);
+        EXPECT_TRUE(run.bResult);
+        EXPECT_EQ(run.pScan->m_aSsets, std::vector<int>{1});
+        EXPECT_EQ(run.pScan->Count("MSDA"), 1);
+        EXPECT_GE(run.pScan->Count("MSTL"), 1);
+    }
+}
+
+// Both layouts of the filemark array lead straight to the data set asked for.
+TEST_F(ScanTest, SeekFindsEachOfManyDataSets) {
+    for (int iVersion : {9, 10}) {
+        zrtest::SyntheticOptions options;
+        options.version = iVersion;
+        options.dataSets = 6;
+        fs::path path = m_tmp / ("many" + std::to_string(iVersion) + ".bak");
+        auto backup = WriteSynthetic(path, options);
+        for (int iDataSet = 2; iDataSet <= 6; ++iDataSet) {
+            SCOPED_TRACE("version " + std::to_string(iVersion) + " data set " + std::to_string(iDataSet));
+            ScanRun run = Walk({path}, iDataSet);
+            ASSERT_TRUE(run.bResult) << std::string(ErrorsText().begin(), ErrorsText().end());
+            EXPECT_EQ(run.pScan->m_aSsets, std::vector<int>{iDataSet});
+            ASSERT_GE(run.pScan->m_aBlocks.size(), 2u);
+            EXPECT_EQ(run.pScan->m_aBlocks[1].sType, "SSET");
+        }
+        ScanRun past = Walk({path}, 7);
+        EXPECT_FALSE(past.bResult);
+        EXPECT_TRUE(ErrorsContain(L"Dataset #7 not found in backup."));
+    }
+}
+
+TEST_F(ScanTest, DamagedLastFilemarkFallsBackToTheBlockWalk) {
+    zrtest::SyntheticOptions options;
+    options.version = 9;
+    options.dataSets = 4;
+    options.damage.badLastFilemark = true;
+    fs::path path = m_tmp / "badmark.bak";
+    auto backup = WriteSynthetic(path, options);
+    ScanRun run = Walk({path}, 3);
+    ASSERT_TRUE(run.bResult) << std::string(ErrorsText().begin(), ErrorsText().end());
+    EXPECT_EQ(run.pScan->m_aSsets, std::vector<int>{3});
+    EXPECT_TRUE(ErrorsContain(L"SFMB Corruption detected in \"" + Wide(path) + L"\""));
+    // The walk went through the filemarks of the data sets in front.
+    EXPECT_GT(run.pScan->Count("SFMB"), 4);
+}
+
+TEST_F(ScanTest, HeaderRunBehindPh6sIsWalked) {
+    zrtest::SyntheticOptions options;
+    options.version = 10;
+    options.ph6sFiles = 3;
+    fs::path path = m_tmp / "ph6s.bak";
+    auto backup = WriteSynthetic(path, options);
+    ScanRun run = Walk({path}, 1);
+    ASSERT_TRUE(run.bResult) << std::string(ErrorsText().begin(), ErrorsText().end());
+    EXPECT_EQ(run.pScan->m_aHeaderLengths, (std::vector<uint32_t>{700, 1000, 1300, 0}));
+    // The blocks behind the run were found again.
+    EXPECT_GE(run.pScan->Count("MSTL"), 1);
+    EXPECT_EQ(run.pScan->Count("MSLS"), 1);
+}
+
+TEST_F(ScanTest, DamagedBlockOfSyntheticBackupIsReportedWhereTheWriterPutIt) {
+    zrtest::SyntheticOptions options;
+    options.damage.badChecksumBlock = 5;
+    fs::path path = m_tmp / "damaged.bak";
+    auto backup = WriteSynthetic(path, options);
+    ASSERT_TRUE(backup.Stripes()[0].damageOffset);
+    ScanRun run = Walk({path}, 1);
+    EXPECT_FALSE(run.bResult);
+    EXPECT_TRUE(ErrorsContain(L"at offset " + std::to_wstring(*backup.Stripes()[0].damageOffset) + L"."));
+}
+
+// A header whose checksum holds but whose length cannot move the walk on
+// must not hold the walk at one place.
+TEST_F(ScanTest, BlockOfZeroLengthIsRefused) {
+    fs::path path = m_tmp / "zero.bak";
+    auto backup = WriteSynthetic(path, zrtest::SyntheticOptions());
+    uint64_t iSset = 0;
+    for (const auto& b : backup.Stripes()[0].blocks)
+        if (b.type == "SSET") iSset = b.offset;
+    ASSERT_NE(iSset, 0u);
+    {
+        std::fstream f(path, std::ios::binary | std::ios::in | std::ios::out);
+        MTF_DB_HDR hdr;
+        f.seekg(static_cast<std::streamoff>(iSset));
+        f.read(reinterpret_cast<char*>(&hdr), sizeof hdr);
+        hdr.m_first_event_offset = 0;
+        MTF_SetBlockChecksum(hdr);
+        f.seekp(static_cast<std::streamoff>(iSset));
+        f.write(reinterpret_cast<const char*>(&hdr), sizeof hdr);
+    }
+    ScanRun run = Walk({path}, 1);
+    EXPECT_FALSE(run.bResult);
+    EXPECT_TRUE(ErrorsContain(L"at offset " + std::to_wstring(iSset) + L"."));
+}
