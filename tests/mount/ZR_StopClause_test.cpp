@@ -63,9 +63,9 @@ TEST(StopClause, LsnKinds) {
     ExpectSameDateTime(stop.m_dtAfter, DateTime(2009, 5, 15, 13, 19, 34, 0));
     ExpectSameDateTime(stop.m_dtStopAt, ZR_SqlDateTime{0, 0});
 
-    stop = Parse(L"StopAtMark = 'LSN:1:2:3' after '2009-05-15 13:19:34.5'", true);
+    stop = Parse(L"StopAtMark = 'LSN:1:2:3' after '2009-05-15 13:19:34.010'", true);
     EXPECT_EQ(stop.m_eStopType, ZR_STOP_AT_LSN_AFTER);
-    EXPECT_EQ(SqlDateTimeToDate(stop.m_dtAfter).m_iMillisecond, 5);
+    EXPECT_EQ(SqlDateTimeToDate(stop.m_dtAfter).m_iMillisecond, 10);
 
     // The slot id keeps its low 16 bits.
     stop = Parse(L"STOPBEFOREMARK='lsn:1:2:65537'", true);
