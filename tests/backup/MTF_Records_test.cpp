@@ -232,14 +232,6 @@ TEST(MtfSfmb, ArrayOffsetByVersionAndByContent) {
     EXPECT_EQ(MTF_SfmbFindArrayOffset(a.data(), 63), 0u);
 }
 
-TEST(MtfRaid, FileCountIsTheLowHalfOfTheDeviceWord) {
-    MTF_RAID_EXTENSION raid{};
-    raid.m_device_count = 0x00010002;
-    raid.m_sequence_number = 0x00000002;
-    EXPECT_EQ(MTF_RaidFileCount(raid), 2);
-    EXPECT_EQ(MTF_RaidSequence(raid), 2);
-}
-
 // Every real backup: the blocks and streams walk with valid checksums from
 // the TAPE at offset 0 to the end of the file.
 TEST(MtfRealFiles, EveryFileWalksFromItsTapeBlock) {
@@ -281,7 +273,7 @@ TEST(MtfRealFiles, TapeSetAndVolumeStringsAndDatesMatchTheManifest) {
         std::wstring ws;
         ASSERT_TRUE(MTF_ReadString(a.data(), tape.m_hdr.m_first_event_offset, tape.m_software_name,
                                    tape.m_hdr.m_string_type, &ws, kKey));
-        EXPECT_EQ(ws.rfind(L"Microsoft SQL Server", 0), 0u);
+        EXPECT_EQ(ws, L"Microsoft SQL Server") << "the zero units behind the name end it";
         SYSTEMTIME st;
         ASSERT_TRUE(MTF_DecodeDateTime(tape.m_media_date, &st));
         char szDate[64];

@@ -131,19 +131,6 @@ TEST(SqlLayouts, SizesFollowTheServerVersion) {
     EXPECT_EQ(SQL_ConfigInfoSize(6), 0u);
 }
 
-TEST(SqlLayouts, BackupTypesAndTheirLabels) {
-    EXPECT_TRUE(SQL_IsSupportedBackupType('D'));
-    EXPECT_TRUE(SQL_IsSupportedBackupType('I'));
-    EXPECT_TRUE(SQL_IsSupportedBackupType('L'));
-    for (uint8_t c : {uint8_t(0), uint8_t('F'), uint8_t('G'), uint8_t('P'), uint8_t('Q'), uint8_t('T'), uint8_t('X')})
-        EXPECT_FALSE(SQL_IsSupportedBackupType(c)) << int(c);
-    EXPECT_STREQ(SQL_BackupTypeLabel(0), "Invalid");
-    EXPECT_STREQ(SQL_BackupTypeLabel('G'), "File level differential");
-    EXPECT_STREQ(SQL_BackupTypeLabel('Q'), "Partial differential");
-    EXPECT_STREQ(SQL_BackupTypeLabel('T'), "Table level");
-    EXPECT_STREQ(SQL_BackupTypeLabel('Z'), "Unknown");
-}
-
 TEST(SqlConfigWalk, ShortLayoutsOfVersion8) {
     StreamBuilder b = Version8Stream();
     SQL_ConfigRecords cfg;
