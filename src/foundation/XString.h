@@ -130,8 +130,9 @@ public:
         int n = GetLength();
         if (!sz || iStart < 0 || iStart > n) return -1;
         int m = static_cast<int>(zr_xstring::Length(sz));
-        const T* pEnd = m_psz + n;
-        const T* p = std::search(m_psz + iStart, pEnd, sz, sz + m);
+        const T* pBegin = m_psz;
+        const T* pEnd = pBegin + n;
+        const T* p = std::search(pBegin + iStart, pEnd, sz, sz + m);
         return p == pEnd && m > 0 ? -1 : static_cast<int>(p - m_psz);
     }
 
