@@ -1,7 +1,9 @@
 #include "maps/ZR_MapPool.h"
 
 #include "diag/Trace.h"
+#include "maps/ZR_BMaps.h"
 #include "maps/ZR_CMaps.h"
+#include "maps/ZR_EMaps.h"
 
 #include <cstring>
 
@@ -35,7 +37,9 @@ X_MapFile* ZR_MapPool::Create(int iType) {
     X_MapFile* pMap = nullptr;
     switch (iType) {
     case 1: pMap = new ZR_CMaps(); break;
-    default: break;  // extent and backup maps join with their classes
+    case 2: pMap = new ZR_EMaps(); break;
+    case 3: pMap = new ZR_BMaps(); break;
+    default: break;
     }
     if (pMap) {
         PoolLock lock(*this);
