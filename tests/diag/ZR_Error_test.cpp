@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "diag/CZR_Error.h"
@@ -186,6 +187,30 @@ TEST_F(ErrorChain, ABrokenChainDoesNothing) {
     EXPECT_EQ(ZR_ReadErrors(kKeyA), nullptr);
     g_bErrorsBroken = false;
     EXPECT_EQ(Messages(Read(kKeyA)), (std::vector<std::wstring>{L"m1"}));
+}
+
+TEST_F(ErrorChain, ThreadsReportSideBySide) {
+    TraceSetup(kTraceNoLimit, kTraceRingSize, 1);
+    const wchar_t* keys[] = {kKeyA, kKeyB};
+    int iCountBefore = g_iTraceCount;
+    std::vector<std::thread> threads;
+    for (const wchar_t* wszKey : keys)
+        threads.emplace_back([wszKey] { ReportN(wszKey, 300); });
+    for (std::thread& t : threads)
+        t.join();
+    // The key whose record ended up at the head shows the head and five
+    // behind it; the other key five behind the head; both the oldest.
+    size_t cShown = 0;
+    for (const wchar_t* wszKey : keys) {
+        std::vector<std::wstring> messages = Messages(Read(wszKey));
+        ASSERT_GE(messages.size(), 6u);
+        for (size_t i = 0; i + 1 < messages.size(); ++i)
+            EXPECT_EQ(messages[i], L"m" + std::to_wstring(300 - i));
+        EXPECT_EQ(messages.back(), L"m1");
+        cShown += messages.size();
+    }
+    EXPECT_EQ(cShown, 13u);
+    EXPECT_EQ(g_iTraceCount - iCountBefore, 2 * 300 * 2) << "two trace lines for each report";
 }
 
 TEST(CZR_ErrorRecord, DeletingTheHeadDeletesALongChain) {
