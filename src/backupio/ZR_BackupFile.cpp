@@ -283,8 +283,14 @@ bool ZR_BackupFile::ReadU(ZR_ReadAhead* pAhead, void* pDest, uint64_t iOfs, uint
         const bool bInWindow =
             pAhead->iCursor >= pAhead->iBufferOfs && pAhead->iCursor - pAhead->iBufferOfs < pAhead->iBufferLen;
         if (!bInWindow && !Refill(pAhead, iOfs, iLen)) return false;
-        const uint32_t iAt = static_cast<uint32_t>(pAhead->iCursor - pAhead->iBufferOfs);
-        const uint32_t iChunk = std::min(pAhead->iBufferLen - iAt, iLen - iDone);
+        const uint64_t iAt = pAhead->iCursor - pAhead->iBufferOfs;
+        if (iAt >= pAhead->iBufferLen) {
+            // The disk gave less than the window needs: never copy beyond
+            // what it delivered, and never spin on an empty window.
+            FailRead("ZR_BackupFile::ReadU", __LINE__, iOfs, iLen);
+            return false;
+        }
+        const uint32_t iChunk = static_cast<uint32_t>(std::min<uint64_t>(pAhead->iBufferLen - iAt, iLen - iDone));
         if (bMoves) memcpy(pOut + iDone, pAhead->aData + iAt, iChunk);
         iDone += iChunk;
         pAhead->iCursor += iChunk;
