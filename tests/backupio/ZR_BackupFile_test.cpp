@@ -77,6 +77,14 @@ HANDLE RecordingCreateFileW(LPCWSTR name, DWORD access, DWORD share, LPSECURITY_
     return g_DefaultFileCalls.CreateFileW(name, access, share, sa, disp, flags, tmpl);
 }
 
+// Opens the file of g_strRealPath whatever name is asked for, so that a
+// Windows drive path can stand on a Linux volume.
+std::wstring g_strRealPath;
+HANDLE RedirectingCreateFileW(LPCWSTR, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES sa, DWORD disp, DWORD flags,
+                              HANDLE tmpl) {
+    return g_DefaultFileCalls.CreateFileW(g_strRealPath.c_str(), access, share, sa, disp, flags, tmpl);
+}
+
 DWORD FailingGetFileSize(HANDLE, LPDWORD) {
     SetLastError(ERROR_IO_DEVICE);
     return INVALID_FILE_SIZE;
@@ -335,6 +343,17 @@ TEST_F(BackupFileTest, FailedOpensLeaveTheFileClosed) {
     ReplaceFileCall(&FileCalls::GetFileSize, &FailingGetFileSize);
     EXPECT_FALSE(m_file->Open());
     EXPECT_FALSE(m_file->IsOpen());
+    EXPECT_EQ(OpenFileHandleCount(), m_iHandlesBefore);
+
+    // A drive root that the volume query does not know closes it too.
+    RestoreFileCalls();
+    g_strRealPath = m_path.wstring();
+    ReplaceFileCall(&FileCalls::CreateFileW, &RedirectingCreateFileW);
+    MakeFile(L"Q:\\nowhere\\full.bak");
+    EXPECT_FALSE(m_file->Open());
+    EXPECT_FALSE(m_file->IsOpen());
+    EXPECT_TRUE(ErrorsContain(L"for file Q:\\nowhere\\full.bak")) << Errors();
+    EXPECT_TRUE(ErrorsContain(L"GetDiskFreeSpace returned error ")) << Errors();
     EXPECT_EQ(OpenFileHandleCount(), m_iHandlesBefore);
 }
 
