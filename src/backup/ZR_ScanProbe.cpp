@@ -123,10 +123,14 @@ bool ZR_ScanProbe::FinishNative() {
             return false;
         }
     }
+    // Each stripe of a media set has a family id of its own; the identity
+    // takes that of the first stripe, so that the key of the maps does not
+    // depend on the order in which the caller names the files.
+    int iFirst = StripeOrder(m_pB).front();
     ZR_ScanIdentity& id = m_pB->m_ProbeIdentity;
-    id.m_iMediaFamilyId = pTapes[0].m_media_family_id;
-    id.m_MediaDate = pTapes[0].m_media_date;
-    id.m_MediaWriteDate = pDates[0];
+    id.m_iMediaFamilyId = pTapes[iFirst].m_media_family_id;
+    id.m_MediaDate = pTapes[iFirst].m_media_date;
+    id.m_MediaWriteDate = pDates[iFirst];
     return true;
 }
 

@@ -1,0 +1,223 @@
+#include "backup/ZR_ScanProbe.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <sstream>
+
+#include "ZR_ScanTestHelpers.h"
+#include "support/SyntheticBackup.h"
+
+using namespace zrscantest;
+namespace fs = std::filesystem;
+
+namespace {
+
+const char* const kStripeDir = "appveyor-lab/sql2008-backups/RestoreTimeStripe/";
+
+// The files of each two-file media set of the test data, by media set id.
+std::vector<std::vector<fs::path>> StripePairs() {
+    std::vector<std::vector<fs::path>> aPairs;
+    auto manifest = zrtest::TestDataFile("manifest.tsv");
+    if (!manifest) return aPairs;
+    std::ifstream in(*manifest);
+    std::string line;
+    std::getline(in, line);
+    std::vector<std::string> aNames;
+    std::stringstream header(line);
+    for (std::string s; std::getline(header, s, '\t');) aNames.push_back(s);
+    auto column = [&](const std::string& name) {
+        return static_cast<size_t>(std::find(aNames.begin(), aNames.end(), name) - aNames.begin());
+    };
+    size_t iFile = column("file"), iMediaSet = column("mediaset"), iFamily = column("family");
+    std::map<std::string, std::vector<fs::path>> bySet;
+    while (std::getline(in, line)) {
+        std::vector<std::string> aCells;
+        std::stringstream row(line);
+        for (std::string s; std::getline(row, s, '\t');) aCells.push_back(s);
+        if (aCells.size() <= std::max({iFile, iMediaSet, iFamily}) || aCells[iFamily] == "1/1") continue;
+        auto path = zrtest::TestDataFile(aCells[iFile]);
+        if (path) bySet[aCells[iMediaSet]].push_back(*path);
+    }
+    for (auto& [set, aFiles] : bySet)
+        if (aFiles.size() == 2) aPairs.push_back(aFiles);
+    return aPairs;
+}
+
+struct ProbeRun {
+    bool bResult = false;
+    std::unique_ptr<ZR_Backup> pB;
+};
+
+ProbeRun Probe(const std::vector<fs::path>& aFiles, int iDataSet = 1) {
+    ProbeRun run;
+    run.pB = MakeBackup(aFiles, iDataSet);
+    ZR_ScanProbe probe(run.pB.get(), iDataSet);
+    run.bResult = probe.ScanFiles();
+    return run;
+}
+
+std::string Narrow(const std::wstring& ws) { return std::string(ws.begin(), ws.end()); }
+
+class ScanProbeTest : public ::testing::Test {
+protected:
+    void SetUp() override { ZR_ClearErrors(nullptr); }
+    void TearDown() override { ZR_ClearErrors(nullptr); }
+    zrtest::TempDir m_tmp;
+};
+
+}  // namespace
+
+TEST_F(ScanProbeTest, StripesOfOneMediaSetProbeTogetherInEitherOrder) {
+    ZR_REQUIRE_TESTDATA();
+    auto aPairs = StripePairs();
+    ASSERT_GE(aPairs.size(), 7u);
+    for (const auto& pair : aPairs) {
+        uint32_t iFamily = 0;
+        for (bool bReverse : {false, true}) {
+            std::vector<fs::path> aFiles = pair;
+            if (bReverse) std::swap(aFiles[0], aFiles[1]);
+            SCOPED_TRACE(aFiles[0].string() + " + " + aFiles[1].string());
+            ProbeRun run = Probe(aFiles);
+            ASSERT_TRUE(run.bResult) << Narrow(ErrorsText());
+            ZR_Backup& b = *run.pB;
+            EXPECT_EQ(b.m_eBackend, ZR_BACKEND_MTF);
+            EXPECT_EQ(b.m_ProbeIdentity.m_iRequiredFiles, 2);
+            EXPECT_EQ(memcmp(&b.m_ProbeIdentity.m_MediaWriteDate, &b.m_pWriteDates[1], 5), 0);
+            EXPECT_FALSE(MTF_IsNoDate(b.m_ProbeIdentity.m_MediaWriteDate));
+            // Both stripe bits are set, the most significant first.
+            EXPECT_EQ(b.m_aStripeSeen[0], 0xC0);
+            // Stripe order puts the file of sequence number 1 first.
+            std::vector<int> aOrder = ZR_ScanProbe::StripeOrder(&b);
+            EXPECT_EQ(aOrder, (bReverse ? std::vector<int>{1, 0} : std::vector<int>{0, 1}));
+            EXPECT_EQ(MTF_RaidSequence(b.m_pRaids[aOrder[0]]), 1);
+            // The identity is that of the first stripe, whatever the order given.
+            EXPECT_EQ(b.m_ProbeIdentity.m_iMediaFamilyId, b.m_pTapes[aOrder[0]].m_media_family_id);
+            if (bReverse) {
+                EXPECT_EQ(b.m_ProbeIdentity.m_iMediaFamilyId, iFamily);
+            }
+            iFamily = b.m_ProbeIdentity.m_iMediaFamilyId;
+        }
+    }
+}
+
+TEST_F(ScanProbeTest, OneStripeAloneIsRefused) {
+    ZR_REQUIRE_TESTDATA();
+    ProbeRun run = Probe({*zrtest::TestDataFile(std::string(kStripeDir) + "Stripe1/RestoreTimeStripe.bak")});
+    EXPECT_FALSE(run.bResult);
+    EXPECT_TRUE(ErrorsContain(L"Not all of the 2 required striped backup files are specified."));
+    EXPECT_TRUE(ErrorsContain(L"Abort during scan of backup file #0."));
+}
+
+// Two stripes of different media sets fit together by their RAID streams
+// and differ only in their dates.
+TEST_F(ScanProbeTest, StripesOfDifferentMediaSetsAreMismatched) {
+    ZR_REQUIRE_TESTDATA();
+    ProbeRun run = Probe({*zrtest::TestDataFile(std::string(kStripeDir) + "Stripe1/RestoreTimeStripe.bak"),
+                          *zrtest::TestDataFile(std::string(kStripeDir) + "Stripe2/RestoreTimeStripe2a.bak")});
+    EXPECT_FALSE(run.bResult);
+    EXPECT_TRUE(ErrorsContain(L"Mismatched backup files."));
+}
+
+TEST_F(ScanProbeTest, SameStripeUnderTwoNamesIsMismatched) {
+    ZR_REQUIRE_TESTDATA();
+    fs::path original = *zrtest::TestDataFile(std::string(kStripeDir) + "Stripe1/RestoreTimeStripe.bak");
+    fs::path copy = m_tmp / "again.bak";
+    fs::copy_file(original, copy);
+    ProbeRun run = Probe({original, copy});
+    EXPECT_FALSE(run.bResult);
+    EXPECT_TRUE(ErrorsContain(L"Mismatched striped backup files."));
+    EXPECT_TRUE(ErrorsContain(L"Abort during scan of backup file #1."));
+}
+
+TEST_F(ScanProbeTest, ConfigurationGivesVersionAndType) {
+    ZR_REQUIRE_TESTDATA();
+    struct Case {
+        const char* szFile;
+        int iDataSet;
+        int iVersion;
+        char cType;
+    };
+    for (const Case& c : {Case{"gabrujo-WebDevelopment/StDb2EFRP/StDb2Sql.bak", 2, 9, 'D'},
+                          Case{"appveyor-lab/RestoreTimeClean/RestoreTimeClean_1.trn", 1, 10, 'L'},
+                          Case{"appveyor-lab/DoubleDiffing/difftest-diff1.bak", 1, 10, 'I'}}) {
+        SCOPED_TRACE(c.szFile);
+        ProbeRun run = Probe({*zrtest::TestDataFile(c.szFile)}, c.iDataSet);
+        ASSERT_TRUE(run.bResult) << Narrow(ErrorsText());
+        EXPECT_EQ(run.pB->m_iVersion, c.iVersion);
+        EXPECT_EQ(run.pB->m_ProbeIdentity.m_iBackupType, static_cast<uint8_t>(c.cType));
+        EXPECT_EQ(run.pB->m_ProbeIdentity.m_iRequiredFiles, 1);
+    }
+}
+
+TEST_F(ScanProbeTest, FileOfAnotherFormatLeavesNoBackend) {
+    ZR_REQUIRE_TESTDATA();
+    ProbeRun run = Probe({*zrtest::TestDataFile("JoeyCheung-Databases/TSQLV4.bak")});
+    EXPECT_TRUE(run.bResult);
+    EXPECT_EQ(run.pB->m_eBackend, 0);
+    EXPECT_TRUE(ErrorsContain(L"file is not a supported backup."));
+}
+
+TEST_F(ScanProbeTest, ThreeSyntheticStripesInAnyOrder) {
+    zrtest::SyntheticOptions options;
+    options.stripes = 3;
+    options.version = 8;
+    options.filePages = {256};
+    zrtest::SyntheticBackup backup(options);
+    ASSERT_TRUE(backup.Write(m_tmp / "set.bak")) << backup.Error();
+    std::vector<fs::path> aFiles;
+    for (const auto& s : backup.Stripes()) aFiles.push_back(s.path);
+    ASSERT_EQ(aFiles.size(), 3u);
+
+    ProbeRun run = Probe({aFiles[2], aFiles[0], aFiles[1]});
+    ASSERT_TRUE(run.bResult) << Narrow(ErrorsText());
+    EXPECT_EQ(run.pB->m_ProbeIdentity.m_iRequiredFiles, 3);
+    EXPECT_EQ(run.pB->m_ProbeIdentity.m_iMediaFamilyId, options.mediaFamilyId);
+    EXPECT_EQ(run.pB->m_iVersion, 8);
+    EXPECT_EQ(ZR_ScanProbe::StripeOrder(run.pB.get()), (std::vector<int>{1, 2, 0}));
+    EXPECT_EQ(run.pB->m_aStripeSeen[0], 0xE0);
+
+    ZR_ClearErrors(nullptr);
+    ProbeRun two = Probe({aFiles[0], aFiles[1]});
+    EXPECT_FALSE(two.bResult);
+    EXPECT_TRUE(ErrorsContain(L"Not all of the 3 required striped backup files are specified."));
+}
+
+// A compressed file: the GUIDs of its archive header and of the data set's
+// header are taken, and then the file is refused, since this build cannot
+// read its blocks.
+TEST_F(ScanProbeTest, CompressedFileGivesItsGuidsAndIsRefused) {
+    const uint32_t kHeader = 32767;
+    const uint64_t kSetPos = 40960;
+    std::vector<uint8_t> aFile(kSetPos + 512, 0);
+    memcpy(aFile.data(), "KELP", 4);
+    aFile[8] = 96;  // archive version
+    for (int i = 0; i < 16; ++i) aFile[12 + i] = static_cast<uint8_t>(0xA0 + i);
+    memcpy(aFile.data() + 6799, &kSetPos, 8);  // data set 1
+    uint32_t iSetSize = 75;
+    memcpy(aFile.data() + kSetPos, "KLBS", 4);
+    memcpy(aFile.data() + kSetPos + 4, &iSetSize, 4);
+    for (int i = 0; i < 16; ++i) aFile[kSetPos + 40 + i] = static_cast<uint8_t>(0x10 + i);
+    ASSERT_LT(kHeader, kSetPos);
+    fs::path path = m_tmp / "archive.kelp";
+    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(aFile.data()),
+                                                static_cast<std::streamsize>(aFile.size()));
+
+    ProbeRun run = Probe({path});
+    EXPECT_FALSE(run.bResult);
+    EXPECT_EQ(run.pB->m_eBackend, ZR_BACKEND_KELP);
+    EXPECT_EQ(run.pB->m_aKelpGuid[0], 0xA0);
+    EXPECT_EQ(run.pB->m_aKelpGuid[15], 0xAF);
+    EXPECT_EQ(run.pB->m_aKlbsGuid[0], 0x10);
+    EXPECT_EQ(run.pB->m_aKlbsGuid[15], 0x1F);
+    EXPECT_TRUE(ErrorsContain(L"cannot be read by this build."));
+
+    // A data set beyond what the pointer table names is not found.
+    ZR_ClearErrors(nullptr);
+    ProbeRun missing = Probe({path}, 2);
+    EXPECT_FALSE(missing.bResult);
+    EXPECT_TRUE(ErrorsContain(L"Dataset #2 not found in backup."));
+}
