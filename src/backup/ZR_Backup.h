@@ -1,12 +1,15 @@
 // One backup of a mount: the full backup, the differential or one log
-// backup, in one or several striped files. It owns its ZR_BackupFile objects.
+// backup, in one or several striped files. It owns its ZR_BackupFile objects
+// and holds references to the maps that tell what lies where (the maps
+// belong to g_MapPool, which shares them between mounts of the same backup).
 //
 // The order of calls in a mount: constructor, SetDataSetNumber, AddFile for
-// each file, PrepareContent, Open, PrepareAccess. All of them run on the
-// mount's thread. Every failure is recorded under m_wszKey, the mount key.
+// each file, PrepareContent, Open, PrepareAccess. PrepareContent and
+// PrepareAccess run on the mount's thread; the reads hold no lock of this
+// object. Every failure is recorded under m_wszKey, the mount key.
 //
-// The data set number stands here until the content map holds it: AddFile
-// hands each file the number as it is at that moment.
+// The implementation is split by concern: ZR_Backup.cpp (life, files,
+// content map), ZR_BackupAccess.cpp (extent maps and page reads).
 #pragma once
 
 #include <cstdint>
@@ -17,6 +20,18 @@
 #include "backupio/ZR_BackupFile.h"
 #include "foundation/AP.h"
 #include "foundation/ZR_Types.h"
+#include "platform/win32.h"
+
+class ZR_CMaps;
+class ZR_EMaps;
+class ZR_BMaps;
+
+// The backup maps are built only with this switch, which nothing sets.
+constexpr bool g_bProcessBMaps = false;
+
+// "SQL Server 7", "SQL Server 2000", "SQL Server 2005", "SQL Server 2008",
+// or "" for another version.
+const char* ZR_ServerVersionName(int iVersion);
 
 class ZR_Backup {
 public:
@@ -27,15 +42,18 @@ public:
     ZR_Backup(const ZR_Backup&) = delete;
     ZR_Backup& operator=(const ZR_Backup&) = delete;
 
-    // Appends a closed file that reads data set GetDataSetNumber().
+    // Appends a closed file that reads the data set the content map holds
+    // at this moment.
     void AddFile(const wchar_t* wszFileName, const wchar_t* wszPasswordKey, bool bPasswordKeyEncrypted);
     int GetNumFiles() { return static_cast<int>(m_aFiles); }
     ZR_BackupFile* GetFile(int i) { return m_aFiles.Exists(i) ? m_aFiles(i) : nullptr; }
 
-    void SetDataSetNumber(int iDataSet) { m_iDataSet = iDataSet; }
-    int GetDataSetNumber() { return m_iDataSet; }
+    // The data set lives in the content map; set it before adding files.
+    void SetDataSetNumber(int iDataSet);
+    int GetDataSetNumber();
 
-    // Decides how the backup gets its content map. piVersion is the server
+    // Decides how the backup gets its content map: probe, pool, map file or
+    // full scan, then the type and version tests. piVersion is the server
     // version shared by the backups of a mount (0 at the start).
     bool PrepareContent(int32_t* piVersion);
     // Gets the extent map; iIndex is the backup's place in the mount.
@@ -45,13 +63,19 @@ public:
     bool Open();
     void Close();
 
+    // Type tests on the configuration of the content map, which must be
+    // ready. The first two record an error when they fail; the log test
+    // only traces, since every backup is asked.
+    bool IsFullBackup();
+    bool IsDiffBackup();
+    bool IsLogBackup();
+    bool IsSupportedType();
+
     const wchar_t* GetKey() { return m_wszKey; }
 
     ZR_Backend_e m_eBackend = static_cast<ZR_Backend_e>(0);  // 0 until a scan has seen a file
     int32_t m_iVersion = 0;          // major server version, 7 to 10
     AP<ZR_BackupFile> m_aFiles;      // owned, in stripe order once prepared
-    bool m_bDiffFollows = false;     // set on the full backup when a differential is mounted with it
-    wchar_t* m_wszKey = nullptr;     // owned; the context of every error recorded here
 
     // --- Filled by ZR_ScanProbe (backup/ZR_ScanProbe.h), one entry per file
     // in the order of m_aFiles at the time of the probe. ---
@@ -64,6 +88,26 @@ public:
     ZR_ScanIdentity m_ProbeIdentity;                  // what the content map takes over from the probe
     // --- end of the probe's fields ---
 
+    bool m_bProcessBMaps = false;    // set by PrepareAccess
+    bool m_bDiffFollows = false;     // set on the full backup when a differential is mounted with it
+    ZR_BMaps* m_pBMaps = nullptr;    // from g_MapPool
+    // The content map: the constructor's own object until PrepareContent
+    // puts the pool's shared one in its place.
+    ZR_CMaps* m_pCMaps = nullptr;
+    bool m_bOwnsCMaps = false;
+    ZR_EMaps* m_pEMaps = nullptr;    // from g_MapPool
+    CRITICAL_SECTION m_csNextFile;   // guards m_iNextFile
+    int32_t m_iNextFile = 0;
+    wchar_t* m_wszKey = nullptr;     // owned; the context of every error recorded here
+
 private:
-    int32_t m_iDataSet = 0;
+    bool Probe();
+    void SortFiles();
+    bool TakeSharedContentMap();
+    bool BuildContentMap(bool* pbMapped);
+    bool CheckVersion(int32_t* piVersion);
+    bool FailContent(bool bBuilder);
+    // Hands the extent and backup maps back to the pool.
+    void ReleaseAccessMaps();
+    char BackupType();
 };
