@@ -10,7 +10,6 @@
 #include <memory>
 #include <random>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "diag/ZR_Error.h"
@@ -474,27 +473,6 @@ TEST_F(BackupFileTest, AlignedReadsAreCountedInTheIOLog) {
     EXPECT_EQ(iBytes, WINDOW);
 }
 
-TEST_F(BackupFileTest, ThreadsReadOneFileAtOnce) {
-    ZR_REQUIRE_TESTDATA();
-    ASSERT_TRUE(OpenReal(FULL_BACKUP)) << Errors();
-    const uint64_t iExtents = m_aBytes.size() / 65536;
-    std::vector<int> aBad(4, 0);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; t++) {
-        threads.emplace_back([&, t] {
-            AlignedBuffer buffer(65536);
-            for (uint64_t e = t; e < iExtents; e += 2) {
-                uint32_t iRead = 0;
-                if (!m_file->ReadA(buffer.p, e * 65536, 65536, IO_READ, &iRead) ||
-                    memcmp(buffer.p, m_aBytes.data() + e * 65536, 65536) != 0)
-                    aBad[t]++;
-            }
-        });
-    }
-    for (auto& thread : threads) thread.join();
-    EXPECT_EQ(aBad, std::vector<int>(4, 0));
-}
-
 TEST(ZR_BackupFileRoot, DriveAndUncRootsOnly) {
     wchar_t wszRoot[ZR_BackupFile::ms_iRootChars];
     ZR_BackupFile::FindRoot(L"C:\\backups\\full.bak", wszRoot);
@@ -512,30 +490,6 @@ TEST(ZR_BackupFileRoot, DriveAndUncRootsOnly) {
     EXPECT_STREQ(wszRoot, L"");
     ZR_BackupFile::FindRoot(nullptr, wszRoot);
     EXPECT_STREQ(wszRoot, L"");
-}
-
-TEST(ZR_BackupFileFields, ConstructionCopiesStringsAndStaysClosed) {
-    std::wstring strName = L"/nowhere/a.bak";
-    std::wstring strKey = L"secret";
-    ZR_BackupFile file(L"ctx", 3, strName.c_str(), strKey.c_str(), true);
-    strName[1] = L'X';
-    strKey[0] = L'X';
-    EXPECT_STREQ(file.GetFileName(), L"/nowhere/a.bak");
-    wchar_t* pwszKey = file.GetPasswordKey();
-    EXPECT_STREQ(pwszKey, L"secret");
-    wchar_t* pwszSecond = file.GetPasswordKey();
-    EXPECT_NE(pwszSecond, pwszKey);  // a fresh copy each time
-    free(pwszSecond);
-    free(pwszKey);
-    EXPECT_TRUE(file.IsPasswordKeyEncrypted());
-    EXPECT_EQ(file.GetDataSet(), 3);
-    EXPECT_FALSE(file.IsOpen());
-    EXPECT_EQ(file.GetHandle(), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(file.GetBackend(), 0);
-    EXPECT_EQ(file.GetFileSize(), 0u);
-
-    ZR_BackupFile noKey(nullptr, 1, L"/nowhere/b.bak", nullptr, false);
-    EXPECT_EQ(noKey.GetPasswordKey(), nullptr);
 }
 
 }  // namespace
