@@ -18,6 +18,14 @@ using ZirlaneAddCommand = void (*)(CLI::App& app, int* piExit);
 
 void AddProbeCommand(CLI::App& app, int* piExit);
 
+// The map folder: the default ($XDG_CACHE_HOME/zirlane/maps or
+// ~/.cache/zirlane/maps), the --map-folder option with that default, and
+// making a folder the library's map folder (created when missing; false if
+// its name is too long).
+std::string ZirlaneDefaultMapFolder();
+void ZirlaneAddMapFolderOption(CLI::App& cmd, std::string* pFolder);
+bool ZirlaneUseMapFolder(const std::string& folder);
+
 // Output helpers shared by the commands.
 std::string ZirlaneUtf8(const std::wstring& ws);
 std::wstring ZirlaneWide(const std::string& s);
