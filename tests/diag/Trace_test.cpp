@@ -200,18 +200,6 @@ TEST_F(TraceRing, PathsThatCannotBeUsed) {
     EXPECT_EQ(MessageAt(0), "line 1\n");
 }
 
-TEST_F(TraceRing, ServiceSwitches) {
-    DisbleServiceTrace(1);  // does what EnableServiceTrace does
-    EXPECT_TRUE(g_bIOInstanceLog);
-    EXPECT_EQ(g_iTraceMode, 1);
-    DisableServiceTracing();
-    EXPECT_FALSE(g_bIOInstanceLog);
-    EXPECT_EQ(g_iTraceMode, 0);
-    EnableTracing();
-    EXPECT_TRUE(g_bIOInstanceLog);
-    EXPECT_EQ(g_iTraceMode, 0);
-}
-
 TEST_F(TraceRing, DebugTraceTellsWideFromNarrow) {
     ZRDbgTrace(L"wide text", 0, 0, 0);
     ZRDbgTrace("narrow %d-%I64u-%x", 1, 2, 255);
