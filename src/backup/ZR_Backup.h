@@ -17,6 +17,7 @@
 
 #include "backup/MTF_Records.h"
 #include "backup/ZR_ScanIdentity.h"
+#include "backup/ZR_VirtualBackupFile.h"
 #include "backupio/ZR_BackupFile.h"
 #include "foundation/AP.h"
 #include "foundation/ZR_Types.h"
@@ -99,6 +100,26 @@ public:
     CRITICAL_SECTION m_csNextFile;   // guards m_iNextFile
     int32_t m_iNextFile = 0;
     wchar_t* m_wszKey = nullptr;     // owned; the context of every error recorded here
+
+    // --- Virtual views (ZR_BackupVirtual.cpp) ---
+    // One view for each file, with the index of m_aFiles, made by
+    // ZR_ScanVirtualizeBackup in PrepareContent and kept until the object
+    // goes.
+    AP<ZR_VirtualBackupFile> m_aVirtualFiles;
+    // A new id for the view of file iFile (see ZR_VirtualBackupFile), or 0
+    // when the file has no view.
+    HANDLE GetNextHandle(int iFile);
+    // Index of the view whose current handle is hFile, under the lock of
+    // m_aVirtualFiles; -1 if none.
+    int FindVirtualFile(HANDLE hFile);
+    // Bytes of the view of file iDevice, as its end of file and allocation
+    // size; -1 when there is no such view or row.
+    int64_t GetVirtualSize(int iDevice);
+    // Reads iLength bytes of the view of file iDevice at the 64-bit offset
+    // of pOverlapped. iMode has no effect. The first extents region needs
+    // the extent map (after PrepareAccess). False when nothing was read.
+    bool ReadVirtual(int iDevice, void* pBuffer, DWORD iLength, int iMode, LPOVERLAPPED pOverlapped);
+    // --- end of virtual views ---
 
 private:
     bool Probe();
