@@ -1,0 +1,393 @@
+// The extent map: entries at the edges of their bit fields, lookups inside
+// and outside the table, the base offset of an embedded map, the trace of
+// each kind of entry, sizing from a file list, and the file form: written
+// and read back through both plugs, changed through an update view, and
+// passed over when damaged, cut short, newer or of another backend.
+#include "maps/ZR_EMaps.h"
+
+#include "diag/Trace.h"
+#include "diag/ZR_Error.h"
+#include "foundation/Alloc.h"
+#include "maps/ZR_BMaps.h"
+#include "maps/ZR_CMaps.h"
+#include "maps/ZR_MapPool.h"
+#include "platform/FileCallsTesting.h"
+#include "support/TestData.h"
+#include "zirlane/zirlane.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr uint64_t kMaxOffset = (uint64_t{1} << 52) - 1;
+
+PageId Page(uint16_t iFile, uint32_t iPage) { return PageId{iPage, iFile}; }
+
+std::vector<std::string> CapturedMessages() {
+    int cbBuffer = 0, cbLine = 0;
+    char* p = CaptureServiceTrace(&cbBuffer, &cbLine);
+    std::vector<std::string> out;
+    for (int i = 0; p && i + cbLine <= cbBuffer; i += cbLine)
+        out.emplace_back(p + i + kTracePrefixSize);
+    FreeTraceBuffer(p);
+    return out;
+}
+
+TEST(ExtentMapEntry, FieldsHoldTheirEdgesAndCutWhatIsWider) {
+    ZR_EMap e = ZR_EMap::Make(63, kMaxOffset, 63);
+    EXPECT_TRUE(e.IsAllSet()) << "every field at its largest is the -1 word";
+    EXPECT_FALSE(e.HasCopy());
+    e.SetDevice(5);
+    EXPECT_EQ(e.GetOffset(), kMaxOffset);
+    EXPECT_EQ(e.GetRelative(), 63u);
+    EXPECT_EQ(e.GetDevice(), 5);
+    EXPECT_TRUE(e.HasCopy());
+
+    ZR_EMap cut = ZR_EMap::Make(64 + 2, kMaxOffset + 1 + 0x10000, 64 + 1);
+    EXPECT_EQ(cut.GetOffset(), 0x10000u) << "bit 52 of the offset does not reach the relative field";
+    EXPECT_EQ(cut.GetRelative(), 1u);
+    EXPECT_EQ(cut.GetDevice(), 2);
+    EXPECT_EQ(cut.m_iEntry, (uint64_t{2} << 58) | (uint64_t{1} << 52) | 0x10000u);
+    EXPECT_TRUE(ZR_EMap{}.IsNone());
+}
+
+TEST(ExtentMapTable, SetAndFetchRoundTripAtTheEdges) {
+    ZR_EMaps map;
+    map.Set(3, 9, 63, kMaxOffset, 63u << 16);
+    map.Set(3, 2, 1, 0x20000, 196608);
+    map.Set(1, 0, 0, 0x10000, 0);
+
+    ZR_EMap e = map.Fetch(Page(3, 9 * 8 + 7));
+    EXPECT_TRUE(e.IsAllSet());
+    e = map.Fetch(Page(3, 2 * 8));
+    EXPECT_EQ(e.GetOffset(), 0x20000u);
+    EXPECT_EQ(e.GetRelative(), 3u) << "196,608 bytes are stored as three units";
+    EXPECT_EQ(e.GetDevice(), 1);
+    EXPECT_EQ(map.Fetch(Page(1, 7)).GetOffset(), 0x10000u);
+
+    // Rows and extents the map does not hold, as in a differential.
+    EXPECT_TRUE(map.Fetch(Page(3, 5 * 8)).IsNone()) << "an extent left between stays 0";
+    EXPECT_TRUE(map.Fetch(Page(3, 10 * 8)).IsNone()) << "past the last extent";
+    EXPECT_TRUE(map.Fetch(Page(2, 0)).IsNone()) << "an empty row";
+    EXPECT_TRUE(map.Fetch(Page(7, 0)).IsNone()) << "no such row";
+    EXPECT_TRUE(map.Fetch(Page(3, 0xFFFFFFFF)).IsNone());
+    EXPECT_EQ(map.Count(3), 10);
+}
+
+TEST(ExtentMapTable, BaseOffsetMovesOnlyRealOffsets) {
+    ZR_EMaps map;
+    map.Set(1, 0, 2, 0x30000, 0x10000);
+    map.Set(1, 1, 0, 0, 0);
+    map.Set(1, 2, 63, kMaxOffset, 63u << 16);
+    map.Set(1, 3, 4, 0, 0x20000);  // a device and a relative part, but no offset
+    map.SetBaseOffset(0x1000);
+    ZR_EMap e = map.Fetch(Page(1, 0));
+    EXPECT_EQ(e.GetOffset(), 0x31000u);
+    EXPECT_EQ(e.GetDevice(), 2);
+    EXPECT_EQ(e.GetRelative(), 1u);
+    EXPECT_TRUE(map.Fetch(Page(1, 8)).IsNone());
+    EXPECT_TRUE(map.Fetch(Page(1, 16)).IsAllSet()) << "-1 must not turn into a location";
+    EXPECT_EQ(map.Fetch(Page(1, 24)).GetOffset(), 0u);
+}
+
+TEST(ExtentMapTable, TracesEachKindOfEntry) {
+    TraceSetup(kTraceNoLimit, 0x1000, 1);
+    TraceSetup(kTraceNoLimit, kTraceRingSize, 1);
+    ZR_EMaps map;
+    map.Set(2, 1, 3, 0x50000, 0x20000);
+    map.Set(2, 0, 0, 0, 0);
+    map.Set(2, 2, 63, kMaxOffset, 63u << 16);
+    map.Fetch(Page(2, 9));
+    map.Fetch(Page(2, 1));
+    map.Fetch(Page(2, 17));
+    map.Fetch(Page(4, 6));
+    std::vector<std::string> lines = CapturedMessages();
+    TraceSetup(kTraceNoLimit, kTraceRingSize, 0);
+    std::vector<std::string> ours;
+    for (const std::string& s : lines)
+        if (s.rfind("EMaps.", 0) == 0)
+            ours.push_back(s);
+    EXPECT_EQ(ours, (std::vector<std::string>{
+                        "EMaps.Set(2, 1, {3, 327680, 2})\n", "EMaps.Set(2, 0, 0)\n", "EMaps.Set(2, 2, -1)\n",
+                        "EMaps.Fetch(2 9) = {3, 327680, 2}\n", "EMaps.Fetch(2 1) = 0\n",
+                        "EMaps.Fetch(2 17) = -1\n", "EMaps.Fetch(4 6) = .\n"}));
+}
+
+TEST(ExtentMapTable, AugmentKeysByThePageIdInTheHeader) {
+    ZR_EMaps map;
+    uint8_t page[ZR_PAGE_SIZE] = {};
+    PageId id = Page(5, 17);
+    std::memcpy(page + 32, &id, sizeof id);
+    EXPECT_TRUE(map.Augment(page, 1, 0x70000, 0));
+    EXPECT_EQ(map.Fetch(Page(5, 16)).GetOffset(), 0x70000u) << "page 17 lies in extent 2";
+    id = Page(0, 40);
+    std::memcpy(page + 32, &id, sizeof id);
+    EXPECT_FALSE(map.Augment(page, 1, 0x80000, 0));
+    EXPECT_EQ(static_cast<int>(map), 6) << "file id 0 makes no row";
+}
+
+SQL_FILE_INFO_V7* FileRecord(uint32_t iNumber, uint32_t iType, uint64_t cbSize) {
+    auto* p = static_cast<SQL_FILE_INFO_V7*>(Calloc(1, sizeof(SQL_FILE_INFO_V7)));
+    std::memcpy(p->m_hdr.m_type, "SFIN", 4);
+    p->m_hdr.m_size = sizeof(SQL_FILE_INFO_V7);
+    p->m_file_number = iNumber;
+    p->m_file_type = iType;
+    p->m_file_size = cbSize;
+    return p;
+}
+
+TEST(ExtentMapTable, FileListSizesAnEmptyTableOnly) {
+    ZR_ConfigInfo config;
+    config.m_Files.Append(FileRecord(3, SQL_FILE_DATABASE, 5 * 65536 + 100));
+    config.m_Files.Append(FileRecord(4, SQL_FILE_PHYSICAL_LOG, 9 * 65536));
+    config.m_Files.Append(FileRecord(0x10001, SQL_FILE_DATABASE, 65536));
+    ZR_EMaps map;
+    map.SetIsIncremental(true);
+    map.AllocFromFileList(config);
+    EXPECT_EQ(static_cast<int>(map), 4) << "rows up to the largest data file id, the log left out";
+    EXPECT_EQ(map.Count(3), 5);
+    EXPECT_EQ(map.Count(1), 1) << "the file id is the number's low 16 bits";
+    EXPECT_EQ(map.Count(2), 0);
+    EXPECT_TRUE(map.Fetch(Page(3, 39)).IsNone());
+    EXPECT_FALSE(map.GetIsIncremental());
+
+    config.m_Files.Append(FileRecord(8, SQL_FILE_DATABASE, 65536));
+    map.AllocFromFileList(config);
+    EXPECT_EQ(static_cast<int>(map), 4) << "a table with rows is kept";
+}
+
+// A file of a few bytes for the count guard.
+class BytesFile {
+public:
+    explicit BytesFile(std::vector<uint8_t> bytes) : m_bytes(std::move(bytes)) {}
+    bool Read(void* p, unsigned cb, unsigned n) {
+        size_t total = size_t{cb} * n;
+        if (total > BytesLeft())
+            return false;
+        std::memcpy(p, m_bytes.data() + m_at, total);
+        m_at += total;
+        return true;
+    }
+    uint64_t BytesLeft() const { return m_bytes.size() - m_at; }
+
+private:
+    std::vector<uint8_t> m_bytes;
+    size_t m_at = 0;
+};
+
+TEST(ExtentMapCountGuard, RefusesOnlyAFirstCountThatCannotFit) {
+    // A count of 3 with 12 bytes behind it: fits at 4 bytes each, not at 5.
+    std::vector<uint8_t> bytes = {3, 0, 0, 0, 1, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 0};
+    uint32_t iCount = 0, iNext = 0;
+    BytesFile fits(bytes);
+    ZR_MapCountGuard<BytesFile> four(&fits, 4);
+    EXPECT_TRUE(four.Read(&iCount, 4, 1));
+    EXPECT_TRUE(four.Read(&iNext, 4, 1));
+    EXPECT_EQ(iNext, 1u);
+    EXPECT_TRUE(four.Read(&iNext, 4, 1)) << "only the first word is a count";
+    BytesFile tight(bytes);
+    ZR_MapCountGuard<BytesFile> five(&tight, 5);
+    EXPECT_FALSE(five.Read(&iCount, 4, 1));
+    BytesFile huge({0xFF, 0xFF, 0xFF, 0xFF});
+    ZR_MapCountGuard<BytesFile> one(&huge, 1);
+    EXPECT_FALSE(one.Read(&iCount, 4, 1));
+}
+
+MTF_DATE_TIME Date(uint8_t seed) { return MTF_DATE_TIME{{seed, 1, 2, 3, 4}}; }
+
+class ExtentMapFile : public ::testing::Test {
+protected:
+    void SetUp() override {
+        fs::create_directories(m_tmp / "maps");
+        std::wstring w = (m_tmp / "maps").wstring();
+        wcsncpy(g_wszMapFilesFolder, w.c_str(), MAX_PATH - 1);
+    }
+    void TearDown() override { g_wszMapFilesFolder[0] = 0; }
+
+    void Identify(ZR_EMaps& map, ZR_Backend_e eBackend = ZR_BACKEND_MTF) {
+        map.SetBackend(eBackend);
+        map.SetDataSetNumber(1);
+        map.SetMediaFamilyId(0xABCD);
+        map.SetMediaDate(Date(0x11));
+        map.SetMediaWriteDate(Date(0x22));
+        map.SetBackupName((m_tmp / "full.bak").wstring().c_str());
+    }
+
+    fs::path WriteMap(bool bIncremental = false) {
+        ZR_EMaps map;
+        Identify(map);
+        map.Set(1, 0, 0, 0x10000, 0);
+        map.Set(1, 4, 1, kMaxOffset, 0);
+        map.Set(3, 1, 63, 0x20000, 0x30000);
+        map.SetIsIncremental(bIncremental);
+        EXPECT_TRUE(map.Write());
+        fs::path name;
+        for (auto& entry : fs::directory_iterator(m_tmp / "maps"))
+            name = entry.path();
+        // Header, then rows of 0, 5, 0 and 2 entries.
+        EXPECT_EQ(fs::file_size(name), 24u + (4) + (4 + 8 * 5) + (4) + (4 + 8 * 2));
+        return name;
+    }
+
+    static void ExpectWritten(ZR_EMaps& map) {
+        ASSERT_EQ(static_cast<int>(map), 4);
+        EXPECT_EQ(map.Count(2), 0);
+        EXPECT_EQ(map.Fetch(Page(1, 0)).GetOffset(), 0x10000u);
+        EXPECT_EQ(map.Fetch(Page(1, 33)).GetOffset(), kMaxOffset);
+        EXPECT_TRUE(map.Fetch(Page(1, 8)).IsNone());
+        ZR_EMap e = map.Fetch(Page(3, 15));
+        EXPECT_EQ(e.GetDevice(), 63);
+        EXPECT_EQ(e.GetRelative(), 3u);
+    }
+
+    static std::vector<char> Bytes(const fs::path& p) {
+        std::ifstream in(p, std::ios::binary);
+        return std::vector<char>(std::istreambuf_iterator<char>(in), {});
+    }
+    static void Rewrite(const fs::path& p, const std::vector<char>& bytes, size_t len) {
+        std::ofstream out(p, std::ios::binary | std::ios::trunc);
+        out.write(bytes.data(), static_cast<std::streamsize>(len));
+    }
+    bool ReadsBack(ZR_Backend_e eBackend = ZR_BACKEND_MTF) {
+        ZR_EMaps map;
+        Identify(map, eBackend);
+        bool b = map.Read();
+        EXPECT_TRUE(b || static_cast<int>(map) == 0);
+        return b;
+    }
+
+    zrtest::TempDir m_tmp;
+};
+
+TEST_F(ExtentMapFile, ReadBackInPlaceThroughTheMapping) {
+    fs::path name = WriteMap();
+    ASSERT_TRUE(fs::exists(name));
+    ZR_EMaps map;
+    Identify(map);
+    ASSERT_TRUE(map.Read());
+    EXPECT_EQ(map.GetMapPlug(), X_MAPPLUG_MMF);
+    EXPECT_TRUE(map.m_bMapped) << "the rows stay in the view";
+    ExpectWritten(map);
+    EXPECT_FALSE(map.GetIsIncremental());
+}
+
+TEST_F(ExtentMapFile, StreamPlugReadsTheSameWhenTheMappingCannotOpen) {
+    WriteMap();
+    zr::platform::testing::ScopedFileCalls restore;
+    zr::platform::testing::ReplaceFileCall(
+        &FileCalls::CreateFileW,
+        +[](LPCWSTR, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD, HANDLE) -> HANDLE {
+            SetLastError(ERROR_ACCESS_DENIED);
+            return INVALID_HANDLE_VALUE;
+        });
+    ZR_EMaps map;
+    Identify(map);
+    ASSERT_TRUE(map.Read());
+    EXPECT_EQ(map.GetMapPlug(), X_MAPPLUG_STDIO);
+    EXPECT_FALSE(map.m_bMapped);
+    ExpectWritten(map);
+}
+
+TEST_F(ExtentMapFile, IncrementalMapLoadsOnlyInAnUpdateViewWhereSetsReachTheFile) {
+    fs::path name = WriteMap(true);
+    ZR_EMaps map;
+    Identify(map);
+    ASSERT_TRUE(map.Read());
+    EXPECT_TRUE(map.GetIsIncremental());
+    EXPECT_EQ(static_cast<int>(map), 0) << "not loaded for plain reading";
+    map.Close();
+    ASSERT_TRUE(map.OpenForUpdate());
+    ExpectWritten(map);
+    map.Set(1, 2, 7, 0x90000, 0);
+    EXPECT_TRUE(map.m_bMapped) << "an existing entry is changed in the view";
+    EXPECT_TRUE(map.Flush());
+    map.Close();
+    map.Clean();
+
+    ZR_EMaps again;
+    Identify(again);
+    ASSERT_TRUE(again.OpenForUpdate());
+    EXPECT_EQ(again.Fetch(Page(1, 16)).GetOffset(), 0x90000u);
+    EXPECT_EQ(again.Fetch(Page(1, 16)).GetDevice(), 7);
+}
+
+TEST_F(ExtentMapFile, AnotherBackendFindsNoMap) {
+    WriteMap();
+    EXPECT_FALSE(ReadsBack(static_cast<ZR_Backend_e>(0)));
+    EXPECT_TRUE(ReadsBack(static_cast<ZR_Backend_e>(3))) << "backend 3 is read like a native backup";
+}
+
+TEST_F(ExtentMapFile, VersionOneHasNoBackendAndNoFlag) {
+    fs::path name = WriteMap(true);
+    std::vector<char> good = Bytes(name);
+    // Version 1: the row count follows the preamble.
+    std::vector<char> v1(good.begin(), good.begin() + 12);
+    v1.insert(v1.end(), good.begin() + 20, good.end());
+    uint32_t size = static_cast<uint32_t>(v1.size()), version = 1;
+    std::memcpy(&v1[4], &size, 4);
+    std::memcpy(&v1[8], &version, 4);
+    Rewrite(name, v1, v1.size());
+    ZR_EMaps map;
+    Identify(map);
+    ASSERT_TRUE(map.Read());
+    EXPECT_FALSE(map.GetIsIncremental()) << "the flag written in version 2 is not there to read";
+    ExpectWritten(map);
+}
+
+TEST_F(ExtentMapFile, DamagedFilesArePassedOver) {
+    fs::path name = WriteMap();
+    std::vector<char> good = Bytes(name);
+    auto damaged = [&](size_t at, uint32_t value, const char* what) {
+        std::vector<char> bytes = good;
+        std::memcpy(&bytes[at], &value, 4);
+        Rewrite(name, bytes, bytes.size());
+        EXPECT_FALSE(ReadsBack()) << what;
+    };
+    damaged(0, 0x464D4458, "bad magic");
+    damaged(8, 3, "newer version");
+    damaged(8, 0, "version 0");
+    damaged(4, static_cast<uint32_t>(good.size() + 8), "size word");
+    damaged(20, 0, "no rows");
+    damaged(24, 0x10000000, "entry count beyond the file");
+    // Row counts beyond the file are refused before anything is allocated.
+    long iAllocs = g_iTotalAllocs;
+    damaged(20, 1000, "row count beyond the file");
+    damaged(20, 0x10000000, "row count far beyond the file");
+    EXPECT_EQ(g_iTotalAllocs, iAllocs);
+    for (size_t len = 0; len < good.size(); ++len) {
+        Rewrite(name, good, len);
+        EXPECT_FALSE(ReadsBack()) << "cut at " << len;
+    }
+    Rewrite(name, good, good.size());
+    EXPECT_TRUE(ReadsBack());
+    ZR_ClearErrors(nullptr);
+}
+
+TEST(ExtentMapPool, TypesTwoAndThreeAreOwnEntriesBesideTheContentMap) {
+    MTF_DATE_TIME d = Date(0x33);
+    X_MapFile* pContent = g_MapPool.RetrieveOrCreate(1, 77, d, d);
+    X_MapFile* pExtent = g_MapPool.RetrieveOrCreate(2, 77, d, d);
+    X_MapFile* pBackup = g_MapPool.RetrieveOrCreate(3, 77, d, d);
+    ASSERT_NE(pContent, nullptr);
+    EXPECT_NE(dynamic_cast<ZR_EMaps*>(pExtent), nullptr);
+    EXPECT_NE(dynamic_cast<ZR_BMaps*>(pBackup), nullptr);
+    EXPECT_NE(pExtent, pContent);
+    EXPECT_EQ(pExtent->GetMediaFamilyId(), 77u);
+    for (X_MapFile* p : {pContent, pExtent, pBackup})
+        g_MapPool.SetCreateSuccess(p);
+    EXPECT_EQ(g_MapPool.RetrieveOrCreate(2, 77, d, d), pExtent);
+    g_MapPool.Release(pExtent);
+    for (X_MapFile* p : {pContent, pExtent, pBackup})
+        g_MapPool.Release(p);
+    EXPECT_EQ(g_MapPool.Retrieve(2, 77, d, d), nullptr);
+}
+
+}  // namespace
