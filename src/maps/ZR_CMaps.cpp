@@ -4,6 +4,7 @@
 #include "foundation/Alloc.h"
 
 #include <cstring>
+#include <string>
 
 namespace {
 
@@ -58,6 +59,21 @@ void ZR_ConfigInfo::Clear() {
     m_bMapped = false;
     m_FileGroups.Clean();
     m_Files.Clean();
+}
+
+bool ZR_ConfigInfo::Describe(SQL_ConfigRecords* pOut, const wchar_t* wszKey) {
+    if (!m_pConfig)
+        return false;
+    // The records stand in the map exactly as they stood in the stream, so
+    // laying them end to end gives back a stream to walk.
+    std::string stream(reinterpret_cast<const char*>(m_pConfig), m_pConfig->m_hdr.m_size);
+    for (int i = 0; i < static_cast<int>(m_FileGroups); ++i)
+        if (auto* p = m_FileGroups(i))
+            stream.append(reinterpret_cast<const char*>(p), p->m_hdr.m_size);
+    for (int i = 0; i < static_cast<int>(m_Files); ++i)
+        if (auto* p = m_Files(i))
+            stream.append(reinterpret_cast<const char*>(p), p->m_hdr.m_size);
+    return pOut->Parse(stream.data(), stream.size(), wszKey);
 }
 
 bool ZR_CMaps::ParseConfig(ZR_ConfigInfo& config, const void* pBlock, uint32_t iLen) {

@@ -88,6 +88,10 @@ struct ZR_ConfigInfo {
     ZR_ConfigInfo(const ZR_ConfigInfo&) = delete;
     ZR_ConfigInfo& operator=(const ZR_ConfigInfo&) = delete;
     void Clear();
+    // What the records say, read by the configuration walk of the backup
+    // records (names, LSNs, files); false, with the reason recorded under
+    // wszKey, when there is no configuration or it does not read.
+    bool Describe(SQL_ConfigRecords* pOut, const wchar_t* wszKey);
 
     bool m_bMapped = false;  // m_pConfig lies in the map's view
     SQL_CONFIG_INFO_V7* m_pConfig = nullptr;

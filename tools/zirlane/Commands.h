@@ -17,6 +17,8 @@ constexpr int ZIRLANE_EXIT_FAILED = 1;  // the library refused; the error chain 
 using ZirlaneAddCommand = void (*)(CLI::App& app, int* piExit);
 
 void AddProbeCommand(CLI::App& app, int* piExit);
+void AddStatementsCommand(CLI::App& app, int* piExit);
+void AddInfoCommand(CLI::App& app, int* piExit);
 
 // The map folder: the default ($XDG_CACHE_HOME/zirlane/maps or
 // ~/.cache/zirlane/maps), the --map-folder option with that default, and

@@ -6,6 +6,8 @@ namespace {
 // One line per command; a new command is a file and a line here.
 const ZirlaneAddCommand kCommands[] = {
     AddProbeCommand,
+    AddStatementsCommand,
+    AddInfoCommand,
 };
 
 }  // namespace

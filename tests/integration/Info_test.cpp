@@ -1,0 +1,106 @@
+// zirlane info against the manifest of the real backups: what every native
+// backup of versions 9 and 10 holds, stripe sets given in either order, and
+// the refusal of later versions.
+#include "support/CliRun.h"
+#include "support/Manifest.h"
+#include "support/TestData.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <regex>
+
+namespace {
+
+// The value of a top-level key of the one-line JSON object.
+std::string Value(const std::string& json, const std::string& key) {
+    std::smatch m;
+    std::regex re("\"" + key + "\": (\"(([^\"\\\\]|\\\\.)*)\"|[0-9]+)");
+    if (!std::regex_search(json, m, re))
+        return "<missing " + key + ">";
+    return m[2].matched ? m[2].str() : m[1].str();
+}
+
+std::string Unescape(std::string s) {
+    std::string out;
+    for (size_t i = 0; i < s.size(); ++i)
+        out += (s[i] == '\\' && i + 1 < s.size()) ? s[++i] : s[i];
+    return out;
+}
+
+const char* TypeWord(char c) { return c == 'D' ? "full" : c == 'I' ? "differential" : "log"; }
+
+class InfoCommand : public ::testing::Test {
+protected:
+    void SetUp() override { ZR_REQUIRE_TESTDATA(); }
+    zrtest::CliRun Info(const std::vector<std::string>& files) {
+        std::vector<std::string> args{"info", "--json", "--map-folder", (m_tmp / "maps").string()};
+        for (auto& f : files)
+            args.push_back(zrtest::TestDataFile(f)->string());
+        return zrtest::RunZirlane(args, m_tmp.path());
+    }
+    zrtest::TempDir m_tmp;
+};
+
+TEST_F(InfoCommand, TellsTheTruthForEveryBackupOfVersionsNineAndTen) {
+    // Stripe sets: the files of one set share the media set and their base
+    // name; give them in reverse order to show the order does not matter.
+    std::map<std::string, std::vector<zrtest::ManifestEntry>> sets;
+    for (auto& e : zrtest::NativeBackups(9, 10))
+        sets[e.stripes > 1 ? e.mediaset : e.file].push_back(e);
+    int checked = 0;
+    for (auto& [id, entries] : sets) {
+        const zrtest::ManifestEntry& e = entries.front();
+        SCOPED_TRACE(e.file);
+        ASSERT_EQ(static_cast<int>(entries.size()), e.stripes);
+        std::vector<std::string> files;
+        for (auto it = entries.rbegin(); it != entries.rend(); ++it)
+            files.push_back(it->file);
+        zrtest::CliRun run = Info(files);
+        ASSERT_EQ(run.iExit, 0) << run.sErr;
+        const std::string& j = run.sOut;
+        EXPECT_EQ(Value(j, "type"), TypeWord(e.type));
+        EXPECT_EQ(Value(j, "version"), std::to_string(e.major));
+        EXPECT_EQ(Value(j, "build"), e.version);
+        EXPECT_EQ(Value(j, "database"), e.database);
+        EXPECT_EQ(Unescape(Value(j, "server")), e.server);
+        EXPECT_EQ(Value(j, "stripes"), std::to_string(e.stripes));
+        EXPECT_EQ(Value(j, "data_set"), "1");
+        if (e.sets == 1) {
+            EXPECT_EQ(Value(j, "first_lsn"), e.firstLsn);
+            EXPECT_EQ(Value(j, "last_lsn"), e.lastLsn);
+            EXPECT_EQ(Value(j, "checkpoint_lsn"), e.checkpointLsn);
+            if (e.type == 'I') {
+                EXPECT_EQ(Value(j, "differential_base_lsn"), e.baseLsn);
+            }
+        }
+        EXPECT_NE(j.find("\"type\": \"data\""), std::string::npos) << j;
+        EXPECT_NE(j.find("\"file_id\": 1,"), std::string::npos) << j;
+        ++checked;
+    }
+    EXPECT_GE(checked, 25);
+}
+
+TEST_F(InfoCommand, SecondDataSetOfAnAppendedFile) {
+    const std::string file = "gabrujo-WebDevelopment/StDb2EFRP/StDb2Sql.bak";
+    std::vector<std::string> args{"info", "--json", "--data-set", "2", "--map-folder", (m_tmp / "maps").string(),
+                                  zrtest::TestDataFile(file)->string()};
+    zrtest::CliRun second = zrtest::RunZirlane(args, m_tmp.path());
+    ASSERT_EQ(second.iExit, 0) << second.sErr;
+    EXPECT_EQ(Value(second.sOut, "data_set"), "2");
+    zrtest::CliRun first = Info({file});
+    ASSERT_EQ(first.iExit, 0);
+    EXPECT_NE(Value(first.sOut, "last_lsn"), Value(second.sOut, "last_lsn")) << "two different backups";
+}
+
+TEST_F(InfoCommand, LaterVersionsAndLoneStripesAreRefusedWithTheirReasons) {
+    zrtest::CliRun later = Info({"dwip-nandi-DBMS-LAB/pubs.bak"});
+    EXPECT_NE(later.iExit, 0);
+    EXPECT_NE(later.sErr.find("Microsoft SQL Server version 11 not supported."), std::string::npos) << later.sErr;
+    zrtest::CliRun lone = Info({"appveyor-lab/sql2008-backups/RestoreTimeStripe/Stripe1/RestoreTimeStripe.bak"});
+    EXPECT_NE(lone.iExit, 0);
+    EXPECT_NE(lone.sErr.find("Not all of the 2 required striped backup files are specified."), std::string::npos)
+        << lone.sErr;
+}
+
+}  // namespace
