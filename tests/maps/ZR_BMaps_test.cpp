@@ -59,9 +59,7 @@ void ExpectFilled(ZR_BMaps& map) {
     const ZR_GamPage& last = map.m_aGamPages(1, 2);
     EXPECT_TRUE(SameId(last.m_NextPageId, PageId{3 * ZR_GAM_INTERVAL, 1}));
     EXPECT_EQ(std::memcmp(last.m_aPage, GamBytes(2).data(), ZR_PAGE_SIZE), 0);
-    const ZR_GamPage& first = map.m_aGamPages(1, 0);
-    EXPECT_TRUE(SameId(first.m_GamPageId, PageId{2, 1}));
-    EXPECT_EQ(first.m_aiZero[0] | first.m_aiZero[1] | first.m_aiZero[2], 0u);
+    EXPECT_TRUE(SameId(map.m_aGamPages(1, 0).m_GamPageId, PageId{2, 1}));
 }
 
 class BackupMapFile : public ::testing::Test {
@@ -119,7 +117,6 @@ TEST_F(BackupMapFile, ReadBackThroughTheMappingAndTheStream) {
     zr::platform::testing::ReplaceFileCall(
         &FileCalls::CreateFileW,
         +[](LPCWSTR, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD, HANDLE) -> HANDLE {
-            SetLastError(ERROR_ACCESS_DENIED);
             return INVALID_HANDLE_VALUE;
         });
     ZR_BMaps streamed;
@@ -127,13 +124,6 @@ TEST_F(BackupMapFile, ReadBackThroughTheMappingAndTheStream) {
     ASSERT_TRUE(streamed.Read());
     EXPECT_EQ(streamed.GetMapPlug(), X_MAPPLUG_STDIO);
     ExpectFilled(streamed);
-}
-
-TEST_F(BackupMapFile, MapWithoutBackupFilesIsNoMap) {
-    ZR_BMaps empty;
-    Identify(empty);
-    ASSERT_TRUE(empty.Write());
-    EXPECT_FALSE(ReadsBack());
 }
 
 TEST_F(BackupMapFile, DamagedFilesArePassedOver) {
