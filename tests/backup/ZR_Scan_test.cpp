@@ -258,6 +258,25 @@ TEST_F(ScanTest, SeekFindsEachOfManyDataSets) {
     }
 }
 
+// With more filemarks than one block's array holds, the oldest entry of the
+// last block leads to an older block, whose entries reach further back.
+TEST_F(ScanTest, SeekStepsBackThroughOlderFilemarkBlocks) {
+    zrtest::SyntheticOptions options;
+    options.version = 10;
+    options.dataSets = 24;
+    options.filePages = {8};
+    fs::path path = m_tmp / "long.bak";
+    auto backup = WriteSynthetic(path, options);
+    for (int iDataSet : {2, 5, 23, 24}) {
+        SCOPED_TRACE(iDataSet);
+        ScanRun run = Walk({path}, iDataSet);
+        ASSERT_TRUE(run.bResult) << std::string(ErrorsText().begin(), ErrorsText().end());
+        EXPECT_EQ(run.pScan->m_aSsets, std::vector<int>{iDataSet});
+        ASSERT_GE(run.pScan->m_aBlocks.size(), 2u);
+        EXPECT_EQ(run.pScan->m_aBlocks[1].sType, "SSET");
+    }
+}
+
 TEST_F(ScanTest, DamagedLastFilemarkFallsBackToTheBlockWalk) {
     zrtest::SyntheticOptions options;
     options.version = 9;
@@ -285,17 +304,6 @@ TEST_F(ScanTest, HeaderRunBehindPh6sIsWalked) {
     // The blocks behind the run were found again.
     EXPECT_GE(run.pScan->Count("MSTL"), 1);
     EXPECT_EQ(run.pScan->Count("MSLS"), 1);
-}
-
-TEST_F(ScanTest, DamagedBlockOfSyntheticBackupIsReportedWhereTheWriterPutIt) {
-    zrtest::SyntheticOptions options;
-    options.damage.badChecksumBlock = 5;
-    fs::path path = m_tmp / "damaged.bak";
-    auto backup = WriteSynthetic(path, options);
-    ASSERT_TRUE(backup.Stripes()[0].damageOffset);
-    ScanRun run = Walk({path}, 1);
-    EXPECT_FALSE(run.bResult);
-    EXPECT_TRUE(ErrorsContain(L"at offset " + std::to_wstring(*backup.Stripes()[0].damageOffset) + L"."));
 }
 
 // A header whose checksum holds but whose length cannot move the walk on
