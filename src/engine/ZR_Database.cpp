@@ -47,8 +47,26 @@ bool ZR_Database::PrepareContent() {
                      "Failed to prepare backup content for backup id: %d SQL version: %d\n", i, m_iSQLVersion);
             return false;
         }
+        if (!HasKindOfSlot(pBackup, i))
+            return false;
     }
     return true;
+}
+
+// Slot 0 holds the full backup, slot 1 the differential, the rest logs: a
+// chain given in another order is refused before anything is read of it.
+bool ZR_Database::HasKindOfSlot(ZR_Backup* pBackup, int iSlot) {
+    const char* szMissing = nullptr;
+    if (iSlot == 0 && !pBackup->IsFullBackup())
+        szMissing = "Missing Full backup based on backup id.\n";
+    else if (iSlot == 1 && !pBackup->IsDiffBackup())
+        szMissing = "Missing Differential backup based on backup id.\n";
+    else if (iSlot >= 2 && !pBackup->IsLogBackup())
+        szMissing = "Missing Log backup based on backup id.\n";
+    if (!szMissing)
+        return true;
+    ZR_Error(m_pwszMountKey, __FILE__, "ZR_Database::PrepareContent", __LINE__, "%s", szMissing);
+    return false;
 }
 
 bool ZR_Database::PrepareAccess(ZR_StopInfo stop) {

@@ -106,5 +106,6 @@ public:
     uint32_t m_iMountPrepareDoneTime = 0;
 
 private:
+    bool HasKindOfSlot(ZR_Backup* pBackup, int iSlot);
     ZR_Backup* NewInSlot(int iSlot);
 };
