@@ -207,6 +207,54 @@ TEST_F(ScanTest, DataOfSqlStreamsIsNeverRead) {
     }
 }
 
+namespace {
+
+int g_iFailAt = 0;     // the call that fails, from 1
+int g_iReadCalls = 0;
+
+BOOL FailingReadFile(HANDLE h, LPVOID p, DWORD n, LPDWORD pRead, LPOVERLAPPED pOv) {
+    if (++g_iReadCalls == g_iFailAt) {
+        SetLastError(ERROR_READ_FAULT);
+        return FALSE;
+    }
+    return g_realReadFile(h, p, n, pRead, pOv);
+}
+
+}  // namespace
+
+// Whichever disk read fails, the scan either ends with a recorded error or
+// succeeds, and every file it opened is closed again.
+TEST_F(ScanTest, FailedReadAnywhereEndsCleanly) {
+    zrtest::SyntheticOptions options;
+    options.version = 10;
+    options.dataSets = 3;
+    fs::path path = m_tmp / "faults.bak";
+    auto backup = WriteSynthetic(path, options);
+    namespace pt = zr::platform::testing;
+    size_t iHandlesBefore = pt::OpenFileHandleCount();
+    bool bHitFault = true;
+    for (g_iFailAt = 1; bHitFault; ++g_iFailAt) {
+        SCOPED_TRACE(g_iFailAt);
+        ZR_ClearErrors(nullptr);
+        g_iReadCalls = 0;
+        ScanRun run;
+        {
+            pt::ScopedFileCalls restore;
+            g_realReadFile = pt::ReplaceFileCall(&FileCalls::ReadFile, &FailingReadFile);
+            run = Walk({path}, 3);
+        }
+        bHitFault = g_iReadCalls >= g_iFailAt;
+        if (run.bResult) {
+            EXPECT_EQ(run.pScan->m_aSsets, std::vector<int>{3});
+        } else {
+            EXPECT_FALSE(ErrorsText().empty());
+        }
+        EXPECT_EQ(pt::OpenFileHandleCount(), iHandlesBefore);
+        ASSERT_LT(g_iFailAt, 1000);
+    }
+    EXPECT_GT(g_iFailAt, 3);
+}
+
 TEST_F(ScanTest, UnsupportedFileAmongGoodOnesOnlyWarns) {
     ZR_REQUIRE_TESTDATA();
     auto compressed = zrtest::TestDataFile("JoeyCheung-Databases/TSQLV4.bak");
