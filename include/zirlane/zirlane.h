@@ -60,6 +60,25 @@ ZR_API int GetNumberOfLogs(ZR_MountInfo* pInfo);
    made. On false, ZRGetZRError with that key and with a null key tells why. */
 ZR_API bool WrapMount(ZR_MountInfo* pInfo, wchar_t* wszKeyOut, unsigned int cchKeyOut);
 
+/* ---- Restore statements ------------------------------------------------ */
+
+/* Statements are counted from 0: the full backup, the differential if there
+   is one, then the logs. They name the mount's virtual backup files, with
+   ids that change at every call: only the statement fetched last names its
+   files correctly, so fetch each one just before it runs, and give GetSQL
+   some room beyond what GetSQLSize said. */
+/* 1, plus 1 with a differential, plus the number of logs; 0 for null. */
+ZR_API int GetNumSQL(ZR_MountInfo* pInfo);
+/* Characters of statement iStatement with its terminator; 0 for a null
+   record or a number past the last statement. */
+ZR_API int GetSQLSize(ZR_MountInfo* pInfo, unsigned int iStatement);
+/* Copies statement iStatement with wcsncpy(wszBuffer, ..., cchBuffer): a
+   buffer too short gets what fits, without a terminator. */
+ZR_API void GetSQL(ZR_MountInfo* pInfo, unsigned int iStatement, wchar_t* wszBuffer, unsigned int cchBuffer);
+/* Appends a WITH option (such as move 'Sales' to 'D:\data\Sales.mdf') to
+   statement iStatement, counted from 1 here: 1 is the full backup. */
+ZR_API void AddWith(ZR_MountInfo* pInfo, int iStatement, const wchar_t* wszOption);
+
 /* ---- Errors -------------------------------------------------------------- */
 
 /* The recorded errors of a mount key (null: those of no mount), newest

@@ -12,6 +12,7 @@
 #include <cstdio>
 
 #include "engine/ZR_Database.h"
+#include "foundation/XString.h"
 #include "mount/ZR_DatabaseList.h"
 #include "mount/ZR_FileInfo.h"
 #include "mount/ZR_MountInfo.h"
@@ -46,6 +47,28 @@ public:
     // Null does nothing; one trailing backslash is cut.
     void SetFilterVolume(const wchar_t* wszVolume);
     const wchar_t* GetFilterVolume() { return m_wszFilterVolume; }
+
+    // --- Restore and attach statements (ZR_Statements.cpp) ---
+    // Each generator appends to strSQL the statement of one backup of the
+    // mount of wszKey, naming the mount's virtual backup files on wszDrive
+    // (which ends in a backslash). Every call takes new handle ids for the
+    // files it names, so only the statement generated last names them
+    // correctly. They look the mount up without the library lock: the caller
+    // must not remove it meanwhile. An unknown key gives the first line only.
+    void GenRestoreDatabaseFullSQL(const wchar_t* wszDatabase, ZR_MountInfo* pInfo, const wchar_t* wszDrive,
+                                   const wchar_t* wszKey, XString<wchar_t>& strSQL);
+    void GenRestoreDatabaseDiffSQL(const wchar_t* wszDatabase, ZR_MountInfo* pInfo, const wchar_t* wszDrive,
+                                   const wchar_t* wszKey, XString<wchar_t>& strSQL);
+    // iLog counts the logs of the mount from 0.
+    void GenRestoreDatabaseLogSQL(const wchar_t* wszDatabase, ZR_MountInfo* pInfo, const wchar_t* wszDrive,
+                                  const wchar_t* wszKey, unsigned int iLog, XString<wchar_t>& strSQL);
+    // Appends the stop clause of the request, behind a comma when bWith
+    // (the statement has its WITH already), else behind " with ".
+    void GenStopAt(ZR_MountInfo* pInfo, XString<wchar_t>& strSQL, bool bWith);
+    // The CREATE DATABASE ... FOR ATTACH text for the data files of the full
+    // backup, as a heap copy for the caller to free with free().
+    static wchar_t* GenAttachDatabaseSQL(const wchar_t* wszDatabase, const wchar_t* wszKey);
+    // --- end of the statements ---
 
     static int g_iNumCPUs;
     static wchar_t* g_wszSparseFilesFolder;  // owned by the setter

@@ -1,0 +1,474 @@
+// The restore and attach statements of a mount, compared to the character
+// with texts written out here by hand. The mounts are made through the test
+// seam of the mount: each backup gets a row of the content map and a view
+// for each of its files, so that the ids in the names are those the views
+// really handed out, read back after each statement.
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <cwchar>
+#include <string>
+#include <vector>
+
+#include "backup/SQL_Records.h"
+#include "backup/ZR_VirtualBackupFile.h"
+#include "diag/Trace.h"
+#include "diag/ZR_Error.h"
+#include "maps/ZR_CMaps.h"
+#include "mount/ZR.h"
+#include "mount/ZR_MountStepsTesting.h"
+#include "zirlane/zirlane.h"
+
+namespace {
+
+const wchar_t kKey[] = L"GUID=5A1C77E0-1234-4ABC-9DEF-00112233AABB";
+const wchar_t kMove[] = L"move 'Sales' to 'D:\\data\\Sales.mdf'";
+
+// Views and content map rows for every file of every backup, but for one
+// file that may be left without a view; fixed source names.
+class ViewSteps : public ZR_MountSteps {
+public:
+    bool PrepareContent(ZR_Database* pDB) override {
+        for (int iSlot = 0; iSlot < pDB->GetNumBackups(); ++iSlot) {
+            ZR_Backup* pBackup = pDB->GetBackup(iSlot);
+            if (!pBackup) continue;
+            for (int iFile = 0; iFile < pBackup->GetNumFiles(); ++iFile) {
+                pBackup->m_pCMaps->AddDBLK(0, iFile, ZR_StripeLocation{});
+                if (iSlot == m_iViewlessSlot && iFile == pBackup->GetNumFiles() - 1) continue;
+                pBackup->m_aVirtualFiles.Append(new ZR_VirtualBackupFile());
+            }
+        }
+        return true;
+    }
+    bool PrepareAccess(ZR_Database*, const ZR_StopInfo&) override { return true; }
+    bool OpenBackups(ZR_Database*) override { return true; }
+    bool ReadSourceNames(ZR_Database*, std::wstring* pstrServer, std::wstring* pstrDatabase) override {
+        *pstrServer = L"HOST";
+        *pstrDatabase = L"Sales";
+        return true;
+    }
+
+    int m_iViewlessSlot = -1;  // the last file of this slot has no view
+};
+
+std::wstring Sql(ZR_MountInfo* pInfo, unsigned iStatement) {
+    std::vector<wchar_t> buffer(8192, L'\0');
+    GetSQL(pInfo, iStatement, buffer.data(), static_cast<unsigned>(buffer.size() - 1));
+    return buffer.data();
+}
+
+// A .bxk name as the statements write it.
+std::wstring Name(const wchar_t* wszDrive, const wchar_t* wszKey, unsigned iId) {
+    return std::wstring(wszDrive) + wszKey + L"!" + std::to_wstring(iId) + L".bxk";
+}
+
+bool EndsWith(const std::wstring& str, const std::wstring& strEnd) {
+    return str.size() >= strEnd.size() && str.compare(str.size() - strEnd.size(), strEnd.size(), strEnd) == 0;
+}
+
+std::string Utf8(const std::wstring& str) { return testing::PrintToString(str); }
+
+// The library's own mount steps, whatever a test has installed.
+ZR_MountSteps* LibrarySteps() {
+    ZR_MountSteps* pInstalled = ZR_InstallMountStepsForTesting(nullptr);
+    ZR_MountSteps* pLibrary = &CurrentMountSteps();
+    ZR_InstallMountStepsForTesting(pInstalled);
+    return pLibrary;
+}
+
+std::vector<std::string> TraceLines() {
+    int cbBuffer = 0, cbLine = 0;
+    char* p = CaptureServiceTrace(&cbBuffer, &cbLine);
+    std::vector<std::string> out;
+    for (int i = 0; p && i + cbLine <= cbBuffer; i += cbLine) out.emplace_back(p + i + kTracePrefixSize);
+    FreeTraceBuffer(p);
+    return out;
+}
+
+bool Traced(const std::string& text) {
+    for (const std::string& line : TraceLines())
+        if (line.find(text) != std::string::npos) return true;
+    return false;
+}
+
+std::wstring Errors(const wchar_t* wszKey) {
+    wchar_t* wsz = ZR_ReadErrors(wszKey);
+    std::wstring str = wsz ? wsz : L"";
+    free(wsz);
+    return str;
+}
+
+class Statements : public testing::Test {
+protected:
+    void SetUp() override {
+        InitializeZR(0);
+        ZR::UninitializeForExit();
+        ZR_ClearErrors(nullptr);
+        m_pOldSteps = ZR_InstallMountStepsForTesting(&m_steps);
+    }
+    void TearDown() override {
+        ZR_InstallMountStepsForTesting(m_pOldSteps);
+        ZR::UninitializeForExit();
+        ZR_ClearErrors(kKey);
+        ZR_ClearErrors(nullptr);
+        for (ZR_MountInfo* pInfo : m_aInfos) FreeMountInfo(pInfo);
+    }
+
+    // A request for Sales on C:\ under kKey: a full backup in iFullFiles
+    // files, a differential in one on demand, and iLogs logs of one file.
+    ZR_MountInfo* Request(int iFullFiles, bool bDiff, int iLogs, const wchar_t* wszKey = kKey) {
+        ZR_MountInfo* pInfo = AllocateMountInfo();
+        m_aInfos.push_back(pInfo);
+        BuildBackupInfoFromSet(pInfo, 1, 1, nullptr, nullptr);
+        for (int i = 0; i < iFullFiles; ++i)
+            AddBackupSetFilename(pInfo, L"Full", (L"full" + std::to_wstring(i) + L".bak").c_str());
+        if (bDiff) {
+            BuildBackupInfoFromSet(pInfo, 2, 1, nullptr, nullptr);
+            AddBackupSetFilename(pInfo, L"Diff", L"diff.bak");
+        }
+        for (int i = 0; i < iLogs; ++i) {
+            BuildBackupInfoFromSet(pInfo, 3, 1, nullptr, nullptr);
+            AddBackupSetFilename(pInfo, L"Log", (L"log" + std::to_wstring(i) + L".trn").c_str());
+        }
+        SetMountKey(pInfo, wszKey);
+        SetTargetDatabase(pInfo, L"Sales");
+        SetFilterDrive(pInfo, L"C:\\");
+        return pInfo;
+    }
+
+    ZR_Database* Mount(ZR_MountInfo* pInfo) {
+        wchar_t* wszKey = nullptr;
+        EXPECT_TRUE(ZR::GetZR()->Mount(pInfo, &wszKey)) << testing::PrintToString(Errors(wszKey));
+        ZR_Database* pDB = ZR::FindDatabase(wszKey);
+        free(wszKey);
+        return pDB;
+    }
+
+    // The id that the view of file iFile of slot iSlot carries now.
+    static unsigned Id(ZR_Database* pDB, int iSlot, int iFile) {
+        return ZR_VirtualBackupFile::HandleId(pDB->GetBackup(iSlot)->m_aVirtualFiles(iFile)->GetHandle());
+    }
+    static std::wstring Quoted(ZR_Database* pDB, int iSlot, int iFile) {
+        return L"'" + Name(L"C:\\", kKey, Id(pDB, iSlot, iFile)) + L"'";
+    }
+
+    ViewSteps m_steps;
+    ZR_MountSteps* m_pOldSteps = nullptr;
+    std::vector<ZR_MountInfo*> m_aInfos;
+};
+
+// The whole chain of the worked example: a full backup in two files, a
+// differential, two logs, a move for the full backup and a stop by time.
+TEST_F(Statements, TheWorkedChainReadsAsWrittenToTheCharacter) {
+    ZR_MountInfo* pInfo = Request(2, true, 2);
+    AddWith(pInfo, 1, kMove);
+    ASSERT_TRUE(SetStop(pInfo, L"STOPAT='2009-05-15 13:19:34.790'"));
+    ZR_Database* pDB = Mount(pInfo);
+    ASSERT_NE(pDB, nullptr);
+    EXPECT_EQ(GetNumSQL(pInfo), 4);
+
+    const std::wstring strFull = Sql(pInfo, 0);
+    EXPECT_EQ(strFull, L"RESTORE DATABASE [Sales] FROM DISK=\n" + Quoted(pDB, 0, 0) + L"\n,DISK=\n" +
+                           Quoted(pDB, 0, 1) +
+                           L"\nwith \nnorecovery, \n\nSTOPAT='2009-05-15 13:19:34.790',\n"
+                           L"move 'Sales' to 'D:\\data\\Sales.mdf'");
+    EXPECT_NE(Id(pDB, 0, 0), Id(pDB, 0, 1));
+
+    const std::wstring strDiff = Sql(pInfo, 1), strLog1 = Sql(pInfo, 2), strLog2 = Sql(pInfo, 3);
+    EXPECT_EQ(strDiff, L"RESTORE DATABASE [Sales] FROM DISK=\n" + Quoted(pDB, 1, 0) +
+                           L"\n\nwith norecovery, \n\nSTOPAT='2009-05-15 13:19:34.790'");
+    EXPECT_EQ(strLog1, L"RESTORE DATABASE [Sales] FROM DISK=\n" + Quoted(pDB, 2, 0) +
+                           L"\n\nwith norecovery, \n\nSTOPAT='2009-05-15 13:19:34.790'");
+    EXPECT_EQ(strLog2, L"RESTORE DATABASE [Sales] FROM DISK=\n" + Quoted(pDB, 3, 0) +
+                           L"\n\nwith recovery, \n\nSTOPAT='2009-05-15 13:19:34.790'");
+}
+
+TEST_F(Statements, NumberingAndRecoveryFollowTheShapeOfTheChain) {
+    // Logs without a differential: statement 1 is the first log.
+    ZR_MountInfo* pLogs = Request(1, false, 2, L"logs");
+    ZR_Database* pDB = Mount(pLogs);
+    ASSERT_NE(pDB, nullptr);
+    EXPECT_EQ(GetNumSQL(pLogs), 3);
+    EXPECT_NE(Sql(pLogs, 0).find(L"\nwith \nnorecovery"), std::wstring::npos);
+    const std::wstring strLog1 = Sql(pLogs, 1);
+    EXPECT_EQ(strLog1, L"RESTORE DATABASE [Sales] FROM DISK=\n'" + Name(L"C:\\", L"logs", Id(pDB, 2, 0)) +
+                           L"'\n\nwith norecovery");
+    EXPECT_NE(Sql(pLogs, 2).find(L"!" + std::to_wstring(Id(pDB, 3, 0)) + L".bxk'\n\nwith recovery"),
+              std::wstring::npos);
+
+    // A differential and no log: the differential recovers.
+    ZR_MountInfo* pDiff = Request(1, true, 0, L"diff");
+    ASSERT_NE(Mount(pDiff), nullptr);
+    EXPECT_EQ(GetNumSQL(pDiff), 2);
+    EXPECT_NE(Sql(pDiff, 0).find(L"\nwith \nnorecovery"), std::wstring::npos);
+    EXPECT_TRUE(EndsWith(Sql(pDiff, 1), L"'\n\nwith recovery"));
+}
+
+TEST_F(Statements, NamesAndFileNamesAreQuotedTheWaySqlServerReadsThem) {
+    const wchar_t wszKey[] = L"it's]key";
+    ZR_MountInfo* pInfo = Request(1, false, 0, wszKey);
+    SetTargetDatabase(pInfo, L"Sa]l'es");
+    ZR_Database* pDB = Mount(pInfo);
+    ASSERT_NE(pDB, nullptr);
+    const std::wstring strFull = Sql(pInfo, 0);
+    EXPECT_EQ(strFull, L"RESTORE DATABASE [Sa]]l'es] FROM DISK=\n'C:\\it''s]key!" + std::to_wstring(Id(pDB, 0, 0)) +
+                           L".bxk'\nwith \nrecovery");
+}
+
+// A stop at a mark by its name holds only where the log is restored; a stop
+// by time or LSN stands in every statement.
+TEST_F(Statements, StopKindsGiveTheirClausesWhereTheyBelong) {
+    ZR_MountInfo* pInfo = Request(1, true, 1);
+    ASSERT_NE(Mount(pInfo), nullptr);
+    struct Case {
+        ZR_StopType_e eType;
+        const wchar_t* wszClause;
+        bool bInData;
+    };
+    ZR_SqlDateTime after{};
+    ASSERT_TRUE(DateToSqlDateTime(ZR_DateParts{2009, 5, 15, 13, 19, 34, 790}, &after));
+    const Case aCases[] = {
+        {ZR_STOP_AT_LSN, L"STOPATMARK='LSN:25:173:1'", true},
+        {ZR_STOP_AT_LSN_AFTER, L"STOPATMARK='LSN:25:173:1' AFTER '2009-05-15 13:19:34.790'", true},
+        {ZR_STOP_AT_MARK, L"STOPATMARK='it's'", false},
+        {ZR_STOP_BEFORE_LSN, L"STOPBEFOREMARK='LSN:25:173:1'", true},
+        {ZR_STOP_BEFORE_LSN_AFTER, L"STOPBEFOREMARK='LSN:25:173:1' AFTER '2009-05-15 13:19:34.790'", true},
+        {ZR_STOP_BEFORE_MARK, L"STOPBEFOREMARK='it's'", false},
+        {ZR_STOP_AT_MARK_AFTER, L"STOPATMARK='it's' AFTER '2009-05-15 13:19:34.790'", false},
+        {ZR_STOP_BEFORE_MARK_AFTER, L"STOPBEFOREMARK='it's' AFTER '2009-05-15 13:19:34.790'", false},
+    };
+    pInfo->m_Stop.m_lsn = LSN{25, 173, 1};
+    pInfo->m_Stop.m_strMark = L"it's";
+    pInfo->m_Stop.m_dtAfter = after;
+    for (const Case& c : aCases) {
+        SCOPED_TRACE(static_cast<int>(c.eType));
+        pInfo->m_Stop.m_eStopType = c.eType;
+        const std::wstring strTail = std::wstring(L", \n\n") + c.wszClause;
+        const std::wstring strFull = Sql(pInfo, 0), strDiff = Sql(pInfo, 1), strLog = Sql(pInfo, 2);
+        EXPECT_TRUE(EndsWith(strLog, L"\nwith recovery" + strTail)) << Utf8(strLog);
+        if (c.bInData) {
+            EXPECT_TRUE(EndsWith(strFull, L"\nnorecovery" + strTail)) << Utf8(strFull);
+            EXPECT_TRUE(EndsWith(strDiff, L"\nwith norecovery" + strTail)) << Utf8(strDiff);
+        } else {
+            EXPECT_TRUE(EndsWith(strFull, L"'\nwith \nnorecovery")) << Utf8(strFull);
+            EXPECT_TRUE(EndsWith(strDiff, L"'\n\nwith norecovery")) << Utf8(strDiff);
+        }
+    }
+    pInfo->m_Stop.m_eStopType = ZR_STOP_UNDEFINED;
+    EXPECT_TRUE(EndsWith(Sql(pInfo, 2), L"'\n\nwith recovery"));
+}
+
+TEST_F(Statements, GenStopAtWithoutWithStartsItsOwnClause) {
+    ZR_MountInfo* pInfo = Request(1, false, 0);
+    ASSERT_TRUE(SetStop(pInfo, L"STOPAT='1899-12-31 23:59:59.997'"));
+    XString<wchar_t> str(L"x");
+    ZR::GetZR()->GenStopAt(pInfo, str, false);
+    EXPECT_STREQ(str.GetString(), L"x with \n\nSTOPAT='1899-12-31 23:59:59.997'");
+    pInfo->m_Stop.m_eStopType = ZR_STOP_UNDEFINED;
+    ZR::GetZR()->GenStopAt(pInfo, str, true);
+    EXPECT_STREQ(str.GetString(), L"x with \n\nSTOPAT='1899-12-31 23:59:59.997'") << "kind 0 adds nothing";
+}
+
+// AddWith counts from 1, the statements from 0; the options of a statement
+// keep their order, and a statement with a differential moves the logs'
+// entries by one.
+TEST_F(Statements, WithOptionsGoToTheirStatementsInOrder) {
+    ZR_MountInfo* pInfo = Request(1, false, 2);
+    AddWith(pInfo, 3, L"stats = 10");
+    AddWith(pInfo, 3, L"checksum");
+    AddWith(pInfo, 0, L"ignored");
+    EXPECT_NE(Errors(kKey).find(L"statement number from 1 (got 0)"), std::wstring::npos);
+    ASSERT_EQ(pInfo->m_aWith.size(), 3u);
+    EXPECT_TRUE(pInfo->m_aWith.front().empty());
+    ASSERT_NE(Mount(pInfo), nullptr);
+    const std::wstring strLast = Sql(pInfo, 2);
+    EXPECT_TRUE(EndsWith(strLast, L"'\n\nwith recovery,\nstats = 10,\nchecksum")) << Utf8(strLast);
+    EXPECT_TRUE(EndsWith(Sql(pInfo, 1), L"'\n\nwith norecovery"));
+    EXPECT_TRUE(EndsWith(Sql(pInfo, 0), L"'\nwith \nnorecovery"));
+}
+
+// A file of the full backup without a view ends the statement at its
+// separator; the differential names such a file with id 0 and goes on.
+TEST_F(Statements, AFileWithoutAViewStopsOnlyTheFullStatement) {
+    m_steps.m_iViewlessSlot = 0;
+    ZR_MountInfo* pInfo = Request(2, true, 0);
+    ZR_Database* pDB = Mount(pInfo);
+    ASSERT_NE(pDB, nullptr);
+    const std::wstring strFull = Sql(pInfo, 0);
+    EXPECT_EQ(strFull, L"RESTORE DATABASE [Sales] FROM DISK=\n" + Quoted(pDB, 0, 0) + L"\n,DISK=\n");
+
+    m_steps.m_iViewlessSlot = 1;
+    ZR_MountInfo* pDiffless = Request(1, true, 0, L"second");
+    ASSERT_NE(Mount(pDiffless), nullptr);
+    EXPECT_EQ(Sql(pDiffless, 1), L"RESTORE DATABASE [Sales] FROM DISK=\n'C:\\second!0.bxk'\n\nwith recovery");
+}
+
+TEST_F(Statements, AnUnknownKeyGivesTheFirstLineAlone) {
+    ZR_MountInfo* pInfo = Request(1, true, 1);
+    XString<wchar_t> strFull, strDiff, strLog;
+    ZR::GetZR()->GenRestoreDatabaseFullSQL(L"Sales", pInfo, L"C:\\", L"nobody", strFull);
+    ZR::GetZR()->GenRestoreDatabaseDiffSQL(L"Sales", pInfo, L"C:\\", L"nobody", strDiff);
+    ZR::GetZR()->GenRestoreDatabaseLogSQL(L"Sales", pInfo, L"C:\\", L"nobody", 0, strLog);
+    for (const XString<wchar_t>* p : {&strFull, &strDiff, &strLog})
+        EXPECT_STREQ(p->GetString(), L"RESTORE DATABASE [Sales] FROM DISK=\n");
+    wchar_t* wszAttach = ZR::GenAttachDatabaseSQL(L"Sales", L"nobody");
+    EXPECT_STREQ(wszAttach, L"CREATE DATABASE [Sales] ON\n\n   FOR ATTACH\n");
+    free(wszAttach);
+}
+
+TEST_F(Statements, SizesCopiesAndNullArguments) {
+    ZR_MountInfo* pInfo = Request(1, false, 1);
+    ZR_Database* pDB = Mount(pInfo);
+    ASSERT_NE(pDB, nullptr);
+
+    // The size is that of the statement generated for it, ids included.
+    const int iSize = GetSQLSize(pInfo, 0);
+    const std::wstring strThen =
+        L"RESTORE DATABASE [Sales] FROM DISK=\n" + Quoted(pDB, 0, 0) + L"\nwith \nnorecovery";
+    EXPECT_EQ(iSize, static_cast<int>(strThen.size()) + 1);
+
+    // A short buffer gets what fits and no terminator.
+    std::vector<wchar_t> aShort(12, L'#');
+    GetSQL(pInfo, 0, aShort.data(), 10);
+    EXPECT_EQ(std::wstring(aShort.data(), 12), L"RESTORE DA##");
+
+    EnableServiceTrace(1);
+    EXPECT_EQ(GetNumSQL(nullptr), 0);
+    EXPECT_EQ(GetSQLSize(nullptr, 0), 0);
+    EXPECT_TRUE(Traced("GetSQL MountInfo is Null"));
+    GetSQL(nullptr, 0, aShort.data(), 12);
+    GetSQL(pInfo, 0, nullptr, 12);
+    EXPECT_TRUE(Traced("GetSQL SQL buffer is Null"));
+    GetSQL(pInfo, 0, aShort.data(), 0);
+    EXPECT_EQ(std::wstring(aShort.data(), 12), L"RESTORE DA##") << "nothing copied";
+    // Generating traces the statement.
+    Sql(pInfo, 1);
+    EXPECT_TRUE(Traced("SQL log restore: RESTORE DATABASE [Sales] FROM DISK="));
+    Sql(pInfo, 0);
+    EXPECT_TRUE(Traced("SQL full restore: RESTORE DATABASE [Sales] FROM DISK="));
+    EnableServiceTrace(0);
+
+    // Past the last statement: nothing, and the reason recorded.
+    EXPECT_EQ(GetSQLSize(pInfo, 2), 0);
+    EXPECT_NE(Errors(kKey).find(L"Statement 2 does not exist: the mount has 2 statements"), std::wstring::npos);
+}
+
+// ---- The attach statement and the source names, from configuration records
+// laid out here as a backup lays them out. ----
+
+void PutUtf16(std::vector<uint8_t>& rec, MTF_TAPE_ADDRESS* pta, const std::wstring& text) {
+    pta->m_size = static_cast<uint16_t>(text.size() * 2);
+    pta->m_offset = static_cast<uint16_t>(rec.size());
+    for (wchar_t c : text) {
+        rec.push_back(static_cast<uint8_t>(c & 0xFF));
+        rec.push_back(static_cast<uint8_t>((c >> 8) & 0xFF));
+    }
+}
+
+template <typename T>
+std::vector<uint8_t> Record(const T& fixed, const char* szType) {
+    std::vector<uint8_t> rec(sizeof(T));
+    std::memcpy(rec.data(), &fixed, sizeof(T));
+    std::memcpy(rec.data(), szType, 4);
+    return rec;
+}
+
+void Close(std::vector<uint8_t>& rec, std::vector<uint8_t>& stream) {
+    const uint32_t iSize = static_cast<uint32_t>(rec.size());
+    std::memcpy(rec.data() + 4, &iSize, 4);
+    stream.insert(stream.end(), rec.begin(), rec.end());
+}
+
+void AddFileRecord(std::vector<uint8_t>& stream, uint32_t iType, uint32_t iFlags, const std::wstring& strPhysical) {
+    SQL_FILE_INFO_V7 fi{};
+    fi.m_file_type = iType;
+    fi.m_flags = iFlags;
+    std::vector<uint8_t> rec = Record(fi, "SFIN");
+    MTF_TAPE_ADDRESS ta{};
+    PutUtf16(rec, &ta, strPhysical);
+    std::memcpy(rec.data() + offsetof(SQL_FILE_INFO_V7, m_physical_name), &ta, sizeof ta);
+    Close(rec, stream);
+}
+
+std::vector<uint8_t> ConfigStream(const std::wstring& strServer) {
+    std::vector<uint8_t> stream;
+    SQL_CONFIG_INFO_V7 ci{};
+    ci.m_server_version = 10u << 24;
+    std::vector<uint8_t> rec = Record(ci, "SCIN");
+    MTF_TAPE_ADDRESS taServer{}, taDatabase{};
+    PutUtf16(rec, &taServer, strServer);
+    PutUtf16(rec, &taDatabase, L"Sales");
+    std::memcpy(rec.data() + offsetof(SQL_CONFIG_INFO_V7, m_server_name), &taServer, sizeof taServer);
+    std::memcpy(rec.data() + offsetof(SQL_CONFIG_INFO_V7, m_database_name), &taDatabase, sizeof taDatabase);
+    Close(rec, stream);
+    AddFileRecord(stream, SQL_FILE_DATABASE, 0, L"D:\\a.mdf");
+    AddFileRecord(stream, SQL_FILE_PHYSICAL_LOG, 0, L"D:\\a_log.ldf");
+    AddFileRecord(stream, SQL_FILE_DATABASE, SQL_FILE_DROPPED, L"D:\\gone.ndf");
+    AddFileRecord(stream, SQL_FILE_DATABASE, 0, L"D:\\b.ndf");
+    return stream;
+}
+
+// Rows and views as ViewSteps gives them, and the configuration above in
+// the full backup's content map; the source names are read by the
+// library's own step.
+class ConfigSteps : public ViewSteps {
+public:
+    explicit ConfigSteps(ZR_MountSteps* pLibrary) : m_pLibrary(pLibrary) {}
+    bool PrepareContent(ZR_Database* pDB) override {
+        std::vector<uint8_t> stream = ConfigStream(m_strServer);
+        ZR_CMaps* pCMaps = pDB->GetFull()->m_pCMaps;
+        if (!pCMaps->ParseConfig(pCMaps->m_ConfigMSCI, stream.data(), static_cast<uint32_t>(stream.size())))
+            return false;
+        if (m_bBadName) pCMaps->m_ConfigMSCI.m_pConfig->m_server_name.m_offset = 0xFFF0;
+        return ViewSteps::PrepareContent(pDB);
+    }
+    bool ReadSourceNames(ZR_Database* pDB, std::wstring* pstrServer, std::wstring* pstrDatabase) override {
+        return m_pLibrary->ReadSourceNames(pDB, pstrServer, pstrDatabase);
+    }
+
+    ZR_MountSteps* m_pLibrary;
+    std::wstring m_strServer = L"HOST\\INST";
+    bool m_bBadName = false;
+};
+
+TEST_F(Statements, TheAttachStatementListsTheDataFilesOfTheFullBackup) {
+    ConfigSteps steps(LibrarySteps());
+    ZR_InstallMountStepsForTesting(&steps);
+    ZR_MountInfo* pInfo = Request(1, false, 1);
+    ZR_Database* pDB = Mount(pInfo);
+    ASSERT_NE(pDB, nullptr);
+    wchar_t* wszAttach = ZR::GenAttachDatabaseSQL(L"Sa]les", kKey);
+    EXPECT_STREQ(wszAttach,
+                 L"CREATE DATABASE [Sa]]les] ON\n"
+                 L"   (FILENAME = 'D:\\a.mdf'),\n"
+                 L"   (FILENAME = 'D:\\b.ndf')\n"
+                 L"   FOR ATTACH\n");
+    free(wszAttach);
+    EXPECT_STREQ(pDB->GetSourceMachine(), L"HOST");
+    EXPECT_STREQ(pDB->GetSourceInstance(), L"INST");
+    EXPECT_STREQ(pDB->GetSourceDatabase(), L"Sales");
+}
+
+TEST_F(Statements, SourceNamesOfADefaultInstanceAndOfABrokenRecord) {
+    ConfigSteps steps(LibrarySteps());
+    ZR_InstallMountStepsForTesting(&steps);
+    steps.m_strServer = L"HOST";
+    ZR_Database* pDB = Mount(Request(1, false, 0));
+    ASSERT_NE(pDB, nullptr);
+    EXPECT_STREQ(pDB->GetSourceMachine(), L"HOST");
+    EXPECT_STREQ(pDB->GetSourceInstance(), L"");
+
+    // A tape address outside its record fails the mount, said under its key.
+    steps.m_bBadName = true;
+    ZR_MountInfo* pInfo = Request(1, false, 0, L"broken");
+    wchar_t* wszKey = nullptr;
+    EXPECT_FALSE(ZR::GetZR()->Mount(pInfo, &wszKey));
+    free(wszKey);
+    EXPECT_FALSE(Errors(L"broken").empty());
+    EXPECT_EQ(ZR::FindDatabase(L"broken"), nullptr);
+    ZR_ClearErrors(L"broken");
+}
+
+}  // namespace
