@@ -95,7 +95,8 @@ TEST_F(ScanProbeTest, StripesOfOneMediaSetProbeTogetherInEitherOrder) {
             EXPECT_EQ(aOrder, (bReverse ? std::vector<int>{1, 0} : std::vector<int>{0, 1}));
             EXPECT_EQ(MTF_RaidSequence(b.m_pRaids[aOrder[0]]), 1);
             // The identity is that of the first stripe, whatever the order given.
-            EXPECT_EQ(b.m_ProbeIdentity.m_iMediaFamilyId, b.m_pTapes[aOrder[0]].m_media_family_id);
+            uint32_t iFirstFamily = b.m_pTapes[aOrder[0]].m_media_family_id;  // a packed field: copy it
+            EXPECT_EQ(b.m_ProbeIdentity.m_iMediaFamilyId, iFirstFamily);
             if (bReverse) {
                 EXPECT_EQ(b.m_ProbeIdentity.m_iMediaFamilyId, iFamily);
             }
@@ -151,14 +152,6 @@ TEST_F(ScanProbeTest, ConfigurationGivesVersionAndType) {
         EXPECT_EQ(run.pB->m_ProbeIdentity.m_iBackupType, static_cast<uint8_t>(c.cType));
         EXPECT_EQ(run.pB->m_ProbeIdentity.m_iRequiredFiles, 1);
     }
-}
-
-TEST_F(ScanProbeTest, FileOfAnotherFormatLeavesNoBackend) {
-    ZR_REQUIRE_TESTDATA();
-    ProbeRun run = Probe({*zrtest::TestDataFile("JoeyCheung-Databases/TSQLV4.bak")});
-    EXPECT_TRUE(run.bResult);
-    EXPECT_EQ(run.pB->m_eBackend, 0);
-    EXPECT_TRUE(ErrorsContain(L"file is not a supported backup."));
 }
 
 TEST_F(ScanProbeTest, ThreeSyntheticStripesInAnyOrder) {

@@ -263,6 +263,7 @@ TEST_F(ScanTest, UnsupportedFileAmongGoodOnesOnlyWarns) {
     EXPECT_TRUE(run.bResult);
     EXPECT_TRUE(ErrorsContain(L"The " + Wide(*compressed) + L" file is not a supported backup."));
     EXPECT_EQ(run.pScan->m_aSsets, std::vector<int>{1});
+    EXPECT_EQ(run.pB->m_eBackend, ZR_BACKEND_MTF);
 }
 
 // ---------------------------------------------------------------------------
