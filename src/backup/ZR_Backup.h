@@ -26,6 +26,9 @@
 class ZR_CMaps;
 class ZR_EMaps;
 class ZR_BMaps;
+struct ZR_EMap;             // maps/ZR_EMaps.h
+struct ZR_StripeLocation;   // maps/ZR_CMaps.h
+class ZR_Read;              // backup/ZR_Read.h
 
 // The backup maps are built only with this switch, which nothing sets.
 constexpr bool g_bProcessBMaps = false;
@@ -120,6 +123,40 @@ public:
     // the extent map (after PrepareAccess). False when nothing was read.
     bool ReadVirtual(int iDevice, void* pBuffer, DWORD iLength, int iMode, LPOVERLAPPED pOverlapped);
     // --- end of virtual views ---
+
+    // --- Extent maps and reads (ZR_BackupAccess.cpp, ZR_ScanExtents.cpp) ---
+    // A read in stripe form: iLen bytes at the location's backup file offset
+    // + its relative offset + iExtraOfs, in the file iDevice of the
+    // location. pNext, if not null, first receives a copy of the location
+    // and then the location right behind the bytes read. Native backups read
+    // the file directly (an unaligned read without pAhead gets a passing
+    // read-ahead); the compressed backend is refused with an error.
+    bool Read(ZR_ReadAhead* pAhead, void* pDest, const ZR_StripeLocation& loc, uint64_t iExtraOfs, uint32_t iLen,
+              ZR_IO_e eIO, int iUnused, uint32_t* piRead, int iDevice, ZR_StripeLocation* pNext,
+              uint64_t iVirtualOfs);
+    // The extent map entry of the page in this backup; 0 when it holds no
+    // copy. An all-ones entry is fetched once more and the second answer
+    // stands.
+    ZR_EMap LookupPage(PageId pageId);
+    // iLen bytes of pages from the extent of entry, starting at pageId's
+    // place in it, from the file in bits 58 to 63 of the entry.
+    bool ReadPages(ZR_ReadAhead* pAhead, void* pDest, ZR_EMap entry, PageId pageId, uint32_t iLen, ZR_IO_e eIO,
+                   uint32_t* piRead);
+    // Gets the extent map from the pool, a map file, or by building it.
+    bool ObtainExtentMaps(int32_t iIndex);
+    bool ConstructBMaps();
+    bool AllocBMaps();
+    // One pass over the first page header of every extent of the data
+    // streams of every file; fills m_pEMaps.
+    bool ConstructEMaps();
+    // Extent maps built (not read from a file or shared) in this process.
+    static int ms_iExtentMapBuilds;
+
+private:
+    bool ConstructStreamExtents(ZR_Read& read, uint8_t* pPage, bool* pbTrailer);
+
+public:
+    // --- end of extent maps and reads ---
 
 private:
     bool Probe();

@@ -8,6 +8,7 @@ const ZirlaneAddCommand kCommands[] = {
     AddProbeCommand,
     AddStatementsCommand,
     AddInfoCommand,
+    AddExtractCommand,
 };
 
 }  // namespace
