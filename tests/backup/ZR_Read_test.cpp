@@ -1,0 +1,249 @@
+// The map-guided reader. A hand-made content map over a file of known bytes
+// pins every way SeekStripeOffset can end and the relative reads across
+// segments; the real backups then show that a stripe read of a native file
+// gives the file's own bytes wherever the map reaches, and that the data
+// streams it enumerates are those the independent walker finds.
+#include "backup/ZR_Read.h"
+
+#include "backup/ZR_Backup.h"
+#include "diag/ZR_Error.h"
+#include "maps/ZR_CMaps.h"
+#include "support/MtfWalker.h"
+#include "support/TestData.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <cwchar>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::vector<uint8_t> FileBytes(const fs::path& p) {
+    std::ifstream in(p, std::ios::binary);
+    return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
+}
+
+ZR_StripeLocation At(uint64_t iOfs, uint64_t iLen) { return ZR_StripeLocation{iOfs, iLen, 0, iOfs, 0}; }
+
+// A file of 16 KiB whose byte i is a function of i, and a content map of
+// two blocks over it:
+//   block MSDA at 0 (header 100 bytes)
+//     stream MQDA header at 100 (22), its 2-byte prefix at 122, data in two
+//       segments: 124..1124 and 3000..4000 (as a compressed row could have)
+//     stream MQDA header at 1200 (22), prefix, data 1224..2224
+//     (2224..2400 is a pad with no entry)
+//     stream MQDA header at 2400 (22) of length 0: no segment
+//   block ESET at 5000 (header 200 bytes)
+class HandMadeMap : public ::testing::Test {
+protected:
+    void SetUp() override {
+        m_bytes.resize(16384);
+        for (size_t i = 0; i < m_bytes.size(); ++i)
+            m_bytes[i] = static_cast<uint8_t>((i * 7 + i / 251) & 0xFF);
+        m_path = m_tmp / "known.bin";
+        std::ofstream(m_path, std::ios::binary).write(reinterpret_cast<const char*>(m_bytes.data()), m_bytes.size());
+        m_b = std::make_unique<ZR_Backup>(L"read");
+        m_b->AddFile(m_path.wstring().c_str(), nullptr, false);
+        m_b->m_eBackend = ZR_BACKEND_MTF;
+        ZR_CMaps* m = m_b->m_pCMaps;
+        m->AddDBLK(MTF_ID_MSDA, 0, At(0, 100));
+        m->AddSTREAM(MTF_ID_MQDA, 0, At(100, 22), 2002);
+        m->AddSegment(0, At(124, 1000));
+        m->AddSegment(0, At(3000, 1000));
+        m->AddSTREAM(MTF_ID_MQDA, 0, At(1200, 22), 1002);
+        m->AddSegment(0, At(1224, 1000));
+        m->AddSTREAM(MTF_ID_MQDA, 0, At(2400, 22), 0);
+        m->AddDBLK(MTF_ID_ESET, 0, At(5000, 200));
+        ASSERT_TRUE(m_b->Open());
+    }
+    void TearDown() override { ZR_ClearErrors(L"read"); }
+
+    zrtest::TempDir m_tmp;
+    fs::path m_path;
+    std::vector<uint8_t> m_bytes;
+    std::unique_ptr<ZR_Backup> m_b;
+};
+
+TEST_F(HandMadeMap, SeekStripeOffsetEndsInTheEntryThatCoversTheOffsetOrTheOneInFront) {
+    ZR_Read r(m_b.get(), 0);
+    struct Case {
+        uint64_t t;
+        uint64_t iEntry;  // stripe offset of the location found
+        int iSTREAM, iStream;
+    } cases[] = {
+        {0, 0, -1, -1},        // first byte of a block: the block header
+        {99, 0, -1, -1},       // its last byte
+        {121, 100, 0, -1},     // last byte of a stream header
+        {124, 124, 0, 0},      // first byte of the first stream's data
+        {1123, 124, 0, 0},     // its last byte
+        {3500, 1224, 1, 0},    // a segment out of stripe order is not found:
+                               // the walk stops at the entry in front
+        {122, 0, -1, -1},      // the prefix of the block's first stream: the block
+        {1222, 124, 0, 0},     // the prefix of the second stream: its predecessor's last segment
+        {2300, 1224, 1, 0},    // a pad behind a stream: the segment in front
+        {4999, 1224, 1, 0},    // between the last stream and the next block
+        {5000, 5000, -1, -1},  // the next block
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.t);
+        ZR_StripeLocation loc = r.SeekStripeOffset(c.t);
+        EXPECT_EQ(loc.iStripeOfs, c.iEntry);
+        EXPECT_GT(loc.iLength, 0u);
+        EXPECT_EQ(r.m_iSTREAM, c.iSTREAM);
+        EXPECT_EQ(r.m_iStream, c.iStream);
+        EXPECT_EQ(r.m_iStreamCursor, c.t);
+        EXPECT_EQ(r.m_iStreamMarker, c.iEntry);
+    }
+    // Behind the header of the last block nothing maps the offset.
+    EXPECT_EQ(r.SeekStripeOffset(5200).iLength, 0u);
+    EXPECT_EQ(r.SeekStripeOffset(16000).iLength, 0u);
+}
+
+TEST_F(HandMadeMap, StripeReadsGiveTheFileBytesAndGoOnWithoutASearch) {
+    ZR_Read r(m_b.get(), 0);
+    for (uint64_t t : {uint64_t{0}, uint64_t{121}, uint64_t{122}, uint64_t{2300}, uint64_t{4990}}) {
+        std::vector<uint8_t> got(300, 0xEE);
+        uint32_t iRead = 0;
+        ASSERT_TRUE(r.Read(got.data(), t, 300, &iRead)) << t;
+        EXPECT_EQ(iRead, 300u);
+        EXPECT_EQ(0, std::memcmp(got.data(), m_bytes.data() + t, 300)) << t;
+        EXPECT_EQ(r.GetNextLocation().iStripeOfs, t + 300);
+        EXPECT_EQ(r.GetNextLocation().iBkpFileOfs, t + 300);
+    }
+    // The next read where the last ended takes the next location: the
+    // reader's positions stay where the last search left them.
+    uint32_t iRead = 0;
+    std::vector<uint8_t> got(100);
+    r.SeekStripeOffset(0);
+    ASSERT_TRUE(r.Read(got.data(), 5290, 100, &iRead));
+    EXPECT_EQ(r.m_iDBLK, 0) << "the short cut searched nothing";
+    EXPECT_EQ(0, std::memcmp(got.data(), m_bytes.data() + 5290, 100));
+}
+
+TEST_F(HandMadeMap, AReadBehindTheMapReportsTheWholeLengthAndLeavesTheBuffer) {
+    ZR_Read r(m_b.get(), 0);
+    std::vector<uint8_t> got(512, 0xAB);
+    uint32_t iRead = 0;
+    ASSERT_TRUE(r.Read(got.data(), 6000, 512, &iRead));
+    EXPECT_EQ(iRead, 512u);
+    for (uint8_t c : got)
+        ASSERT_EQ(c, 0xAB);
+}
+
+TEST_F(HandMadeMap, StreamsAreFoundByTypeInTurnAndEmptyOnesAreSkipped) {
+    ZR_Read r(m_b.get(), 0);
+    EXPECT_FALSE(r.Lookup(MTF_ID_SSET, -1));
+    EXPECT_EQ(r.m_iDBLK, -1);
+    ASSERT_NE(r.Read(nullptr, MTF_ID_MSDA, -1), nullptr);
+    EXPECT_EQ(0, std::memcmp(r.GetDBLK(), m_bytes.data(), MTF_DB_HDR_SIZE));
+    int n = 0;
+    while (const MTF_STREAM_HDR* h = r.Read(nullptr, MTF_ID_MQDA)) {
+        EXPECT_EQ(0, std::memcmp(h, m_bytes.data() + (n == 0 ? 100 : 1200), sizeof *h));
+        ++n;
+    }
+    EXPECT_EQ(n, 2) << "the stream of length 0 has no segment and is not found";
+    r.Reset();
+    EXPECT_TRUE(r.Lookup(MTF_ID_ESET, 0));
+    EXPECT_EQ(r.m_iDBLK, 1);
+    EXPECT_FALSE(r.Lookup(MTF_ID_MSDA, -1)) << "lookups step on from the current block";
+    r.Reset();
+    ASSERT_TRUE(r.Lookup(MTF_ID_MSDA, 0));
+    EXPECT_TRUE(r.LookupSTREAM(MTF_ID_MQDA, 1));
+    EXPECT_EQ(r.m_iSTREAM, 1);
+    EXPECT_EQ(r.GetStreamLength(), 1002u);
+}
+
+TEST_F(HandMadeMap, RelativeReadsCrossSegmentsAndFailPastTheLast) {
+    ZR_Read r(m_b.get(), 0);
+    ASSERT_TRUE(r.Lookup(MTF_ID_MSDA, -1));
+    ASSERT_TRUE(r.LookupSTREAM(MTF_ID_MQDA, -1));
+    std::vector<uint8_t> got(200);
+    ASSERT_TRUE(r.Read(nullptr, got.data(), 900, 200));
+    EXPECT_EQ(0, std::memcmp(got.data(), m_bytes.data() + 124 + 900, 100));
+    EXPECT_EQ(0, std::memcmp(got.data() + 100, m_bytes.data() + 3000, 100));
+    EXPECT_EQ(r.m_iStream, 1);
+    EXPECT_EQ(r.m_iStreamPrevious, 1000u) << "where the last piece began";
+    EXPECT_EQ(r.m_iStreamCursor, 1100u);
+
+    EXPECT_FALSE(r.Read(nullptr, got.data(), 1950, 100)) << "runs past the last segment";
+    EXPECT_FALSE(r.Read(nullptr, got.data(), 2000, 1)) << "starts behind it";
+    EXPECT_FALSE(r.SeekStreamOffset(2000));
+    EXPECT_EQ(r.m_iStream, -1);
+}
+
+// Real backups: every stripe read of a native file below the last block
+// equals the file's bytes, whichever stage finds it.
+TEST(ReadRealBackup, StripeReadsOfANativeBackupGiveItsBytes) {
+    ZR_REQUIRE_TESTDATA();
+    zrtest::TempDir tmp;
+    std::wcsncpy(g_wszMapFilesFolder, tmp.path().wstring().c_str(), MAX_PATH - 1);
+    for (const char* rel : {"appveyor-lab/DoubleDiffing/difftest-full.bak", "xandelima-MVCNorthwind/Northwind.bak"}) {
+        SCOPED_TRACE(rel);
+        fs::path p = *zrtest::TestDataFile(rel);
+        ZR_Backup b(L"real");
+        b.SetDataSetNumber(1);
+        b.AddFile(p.wstring().c_str(), nullptr, false);
+        int32_t v = 0;
+        ASSERT_TRUE(b.PrepareContent(&v));
+        ASSERT_TRUE(b.Open());
+        std::vector<uint8_t> bytes = FileBytes(p);
+        ZR_CMaps* m = b.m_pCMaps;
+        const uint64_t iLast = m->GetLocation(0, m->GetNumDBLKs(0) - 1).iStripeOfs;
+        std::mt19937_64 rng(7);
+        ZR_Read r(&b, 0);
+        for (int i = 0; i < 300; ++i) {
+            const uint64_t t = rng() % iLast;
+            const uint32_t n = static_cast<uint32_t>(std::min<uint64_t>(1 + rng() % 70000, iLast - t));
+            std::vector<uint8_t> got(n);
+            uint32_t iRead = 0;
+            ASSERT_TRUE(r.Read(got.data(), t, n, &iRead)) << t;
+            ASSERT_EQ(iRead, n);
+            ASSERT_EQ(0, std::memcmp(got.data(), bytes.data() + t, n)) << "at " << t << " for " << n;
+        }
+        b.Close();
+    }
+    g_wszMapFilesFolder[0] = 0;
+}
+
+// The data streams the reader enumerates are the walker's, in order.
+TEST(ReadRealBackup, DataStreamsAreThoseTheWalkerFinds) {
+    ZR_REQUIRE_TESTDATA();
+    zrtest::TempDir tmp;
+    std::wcsncpy(g_wszMapFilesFolder, tmp.path().wstring().c_str(), MAX_PATH - 1);
+    fs::path p = *zrtest::TestDataFile("appveyor-lab/RestoreTimeClean/RestoreTimeClean.bak");
+    zrtest::MtfWalk walk = zrtest::MtfWalker::WalkFile(p);
+    ASSERT_TRUE(walk.ok) << walk.fault;
+    const zrtest::MtfDataSet* ds = walk.DataSet(1);
+    ASSERT_NE(ds, nullptr);
+    ZR_Backup b(L"real");
+    b.SetDataSetNumber(1);
+    b.AddFile(p.wstring().c_str(), nullptr, false);
+    int32_t v = 0;
+    ASSERT_TRUE(b.PrepareContent(&v));
+    ASSERT_TRUE(b.Open());
+    ZR_ReadAhead* pAhead = ZR_ReadAhead::Alloc();
+    ZR_Read r(&b, 0);
+    std::vector<std::pair<uint64_t, uint64_t>> found;
+    while (r.Read(pAhead, MTF_ID_MSDA, -1))
+        while (const MTF_STREAM_HDR* h = r.Read(pAhead, MTF_ID_MQDA)) {
+            ASSERT_TRUE(r.SeekStreamOffset(0));
+            found.emplace_back(r.GetLocation().iStripeOfs, r.m_iStreamLength);
+            EXPECT_EQ(h->m_length - 2, r.m_iStreamLength);
+        }
+    ZR_ReadAhead::Free(pAhead);
+    ASSERT_EQ(found.size(), ds->data.size());
+    for (size_t i = 0; i < found.size(); ++i) {
+        EXPECT_EQ(found[i].first, ds->data[i].offset);
+        EXPECT_EQ(found[i].second, ds->data[i].length);
+    }
+    b.Close();
+    g_wszMapFilesFolder[0] = 0;
+}
+
+}  // namespace
