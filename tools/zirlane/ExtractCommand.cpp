@@ -15,6 +15,7 @@
 #include "backup/MTF_Records.h"
 #include "backup/SQL_Records.h"
 #include "backup/ZR_Backup.h"
+#include "backup/ZR_ScanFull.h"
 #include "diag/ZR_Error.h"
 #include "maps/ZR_CMaps.h"
 #include "maps/ZR_EMaps.h"
@@ -47,14 +48,24 @@ std::wstring LastComponent(const std::wstring& ws) {
     return i == std::wstring::npos ? ws : ws.substr(i + 1);
 }
 
+// Tells whether the maps of a backup were built now or read from files.
+void PrintMaps(const char* szLabel, bool bScanned, bool bBuilt) {
+    std::printf("%s backup: content map %s, extent map %s\n", szLabel, bScanned ? "built" : "read",
+                bBuilt ? "built" : "read");
+}
+
 std::unique_ptr<ZR_Backup> PrepareBackup(const std::vector<std::string>& aFiles, int iDataSet, int iIndex,
                                          int32_t* piVersion) {
     auto b = std::make_unique<ZR_Backup>(kKey);
     b->SetDataSetNumber(iDataSet);
     for (const std::string& f : aFiles) b->AddFile(ZirlaneWide(f).c_str(), nullptr, false);
+    const int iScans = ZR_ScanFull::ms_iScansRun;
+    const int iBuilds = ZR_Backup::ms_iExtentMapBuilds;
     if (!b->PrepareContent(piVersion)) return nullptr;
     bool bType = iIndex == 0 ? b->IsFullBackup() : b->IsDiffBackup();
     if (!bType || !b->Open() || !b->PrepareAccess(iIndex)) return nullptr;
+    PrintMaps(iIndex == 0 ? "full" : "differential", ZR_ScanFull::ms_iScansRun != iScans,
+              ZR_Backup::ms_iExtentMapBuilds != iBuilds);
     return b;
 }
 

@@ -1,0 +1,197 @@
+// zirlane extract end to end: the data files it writes from the real
+// backups are held page by page against the naive restore of the test
+// walker (differential over full). Where the reference has a page the file
+// has the same bytes, and a page whose header version byte is 1 names
+// itself and passes its checksum; pages in leftover extents (version byte
+// not 1, as in difftest-full.bak pages 173 to 183) are compared as bytes
+// only. Where the reference has nothing the file reads zeros and is not
+// allocated.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "platform/win32.h"
+#include "support/Manifest.h"
+#include "support/MtfWalker.h"
+#include "support/PageFormat.h"
+#include "support/TestData.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+struct CliRun {
+    int iExit = -1;
+    std::string sOut;
+};
+
+std::string Slurp(const fs::path& p) {
+    std::ifstream in(p, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+std::string LastComponent(const std::string& s) {
+    size_t i = s.find_last_of("\\/");
+    return i == std::string::npos ? s : s.substr(i + 1);
+}
+
+// Bytes of the file that the file system has allocated.
+uint64_t AllocatedBytes(const fs::path& p) {
+    HANDLE h = CreateFileW(p.wstring().c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
+    EXPECT_NE(h, INVALID_HANDLE_VALUE);
+    FILE_ALLOCATED_RANGE_BUFFER query{};
+    query.Length.QuadPart = static_cast<LONGLONG>(fs::file_size(p));
+    std::vector<FILE_ALLOCATED_RANGE_BUFFER> ranges(65536);
+    DWORD iBytes = 0;
+    EXPECT_TRUE(DeviceIoControl(h, FSCTL_QUERY_ALLOCATED_RANGES, &query, sizeof query, ranges.data(),
+                                static_cast<DWORD>(ranges.size() * sizeof ranges[0]), &iBytes, nullptr));
+    CloseHandle(h);
+    uint64_t iTotal = 0;
+    for (size_t i = 0; i < iBytes / sizeof ranges[0]; ++i)
+        iTotal += static_cast<uint64_t>(ranges[i].Length.QuadPart);
+    return iTotal;
+}
+
+class Extract : public ::testing::Test {
+protected:
+    void SetUp() override { ZR_REQUIRE_TESTDATA(); }
+
+    static fs::path Program() {
+        fs::path self = fs::read_symlink("/proc/self/exe");
+        return self.parent_path().parent_path().parent_path() / "tools" / "zirlane" / "zirlane";
+    }
+    static fs::path Data(const std::string& rel) { return *zrtest::TestDataFile(rel); }
+
+    CliRun Zirlane(const std::vector<fs::path>& full, const std::vector<fs::path>& diff, const fs::path& out) {
+        std::string cmd = "'" + Program().string() + "' extract --map-folder '" + (m_tmp / "maps").string() + "'";
+        cmd += " -o '" + out.string() + "' --full";
+        for (auto& f : full)
+            cmd += " '" + f.string() + "'";
+        if (!diff.empty())
+            cmd += " --diff";
+        for (auto& f : diff)
+            cmd += " '" + f.string() + "'";
+        fs::path log = m_tmp / "out.txt";
+        cmd += " >'" + log.string() + "' 2>&1";
+        CliRun run;
+        run.iExit = (std::system(cmd.c_str()) >> 8) & 0xFF;
+        run.sOut = Slurp(log);
+        return run;
+    }
+
+    // Extracts and holds every data file against the reference.
+    void ExpectExtracted(const std::vector<fs::path>& full, const std::vector<fs::path>& diff) {
+        zrtest::NaiveRestore ref;
+        ASSERT_TRUE(ref.Apply(full)) << ref.Error();
+        if (!diff.empty()) {
+            ASSERT_TRUE(ref.Apply(diff)) << ref.Error();
+        }
+        // The configuration of the last backup names the files and sizes.
+        zrtest::MtfWalk walk = zrtest::MtfWalker::WalkFile(diff.empty() ? full[0] : diff[0]);
+        ASSERT_TRUE(walk.ok) << walk.fault;
+        fs::path out = m_tmp / ("out" + std::to_string(m_iRuns++));
+        CliRun run = Zirlane(full, diff, out);
+        ASSERT_EQ(run.iExit, 0) << run.sOut;
+        int iFiles = 0;
+        for (const zrtest::MtfSqlFile& file : walk.DataSet(1)->msci.files) {
+            if (file.fileType != 1) {
+                EXPECT_FALSE(fs::exists(out / LastComponent(file.physicalName))) << "no log file";
+                continue;
+            }
+            SCOPED_TRACE(file.physicalName);
+            ExpectFile(out / LastComponent(file.physicalName), file, ref);
+            ++iFiles;
+        }
+        EXPECT_GT(iFiles, 0);
+    }
+
+    void ExpectFile(const fs::path& path, const zrtest::MtfSqlFile& file, const zrtest::NaiveRestore& ref) {
+        ASSERT_TRUE(fs::exists(path));
+        ASSERT_EQ(fs::file_size(path), file.fileSize);
+        std::string bytes = Slurp(path);
+        const uint16_t fileId = static_cast<uint16_t>(file.fileId);
+        static const std::vector<uint8_t> zeros(zrtest::kPageSize, 0);
+        uint64_t iHeld = 0;
+        for (uint32_t p = 0; p < file.fileSize / zrtest::kPageSize; ++p) {
+            const uint8_t* page = reinterpret_cast<const uint8_t*>(bytes.data()) + uint64_t{p} * zrtest::kPageSize;
+            const uint8_t* want = ref.Page(fileId, p);
+            if (!want) {
+                ASSERT_EQ(0, std::memcmp(page, zeros.data(), zrtest::kPageSize)) << "page " << p << " is no hole";
+                continue;
+            }
+            ++iHeld;
+            ASSERT_EQ(0, std::memcmp(page, want, zrtest::kPageSize)) << "page " << p;
+            zrtest::PageHeaderFields h = zrtest::ReadPageHeader(page);
+            if (h.headerVersion != 1)
+                continue;
+            EXPECT_EQ(h.pageNumber, p);
+            EXPECT_EQ(h.fileId, fileId);
+            EXPECT_TRUE(zrtest::PageChecksumHolds(page)) << "page " << p;
+        }
+        EXPECT_GT(iHeld, 0u);
+        EXPECT_LE(AllocatedBytes(path), iHeld * zrtest::kPageSize) << "only what a backup holds is written";
+    }
+
+    zrtest::TempDir m_tmp;
+    int m_iRuns = 0;
+};
+
+TEST_F(Extract, EveryFullBackupOfVersionsNineAndTenGivesTheNaiveRestore) {
+    int iChecked = 0;
+    for (auto& e : zrtest::NativeBackups(9, 10)) {
+        if (e.type != 'D' || e.stripes != 1)
+            continue;
+        SCOPED_TRACE(e.file);
+        ExpectExtracted({Data(e.file)}, {});
+        ++iChecked;
+    }
+    EXPECT_EQ(iChecked, 7);
+}
+
+TEST_F(Extract, AStripedFullBackupGivesTheNaiveRestore) {
+    const std::string dir = "appveyor-lab/sql2008-backups/RestoreTimeStripe/";
+    ExpectExtracted({Data(dir + "Stripe1/RestoreTimeStripe.bak"), Data(dir + "Stripe2/RestoreTimeStripe1.bak")}, {});
+}
+
+TEST_F(Extract, DifferentialsGoOverTheirFullBackup) {
+    const fs::path full = Data("appveyor-lab/DoubleDiffing/difftest-full.bak");
+    ExpectExtracted({full}, {Data("appveyor-lab/DoubleDiffing/difftest-diff1.bak")});
+    ExpectExtracted({full}, {Data("appveyor-lab/DoubleDiffing/difftest-diff2.bak")});
+    ExpectExtracted({Data("appveyor-lab/RestoreTimeClean/RestoreTimeClean.bak")},
+                    {Data("appveyor-lab/RestoreTimeClean/RestoreTimeClean2.bak")});
+}
+
+TEST_F(Extract, ASecondExtractReadsTheMapFilesAndScansNothing) {
+    const fs::path full = Data("appveyor-lab/RestoreTimeClean/RestoreTimeClean.bak");
+    const fs::path diff = Data("appveyor-lab/RestoreTimeClean/RestoreTimeClean2.bak");
+    CliRun first = Zirlane({full}, {diff}, m_tmp / "a");
+    ASSERT_EQ(first.iExit, 0) << first.sOut;
+    EXPECT_NE(first.sOut.find("full backup: content map built, extent map built"), std::string::npos) << first.sOut;
+    EXPECT_NE(first.sOut.find("differential backup: content map built, extent map built"), std::string::npos);
+    CliRun second = Zirlane({full}, {diff}, m_tmp / "b");
+    ASSERT_EQ(second.iExit, 0) << second.sOut;
+    EXPECT_NE(second.sOut.find("full backup: content map read, extent map read"), std::string::npos) << second.sOut;
+    EXPECT_NE(second.sOut.find("differential backup: content map read, extent map read"), std::string::npos);
+    EXPECT_EQ(Slurp(m_tmp / "a" / "RestoreTimeClean.mdf"), Slurp(m_tmp / "b" / "RestoreTimeClean.mdf"));
+}
+
+TEST_F(Extract, RefusesADifferentialOfAnotherFullBackupAndALogBackup) {
+    CliRun run = Zirlane({Data("appveyor-lab/DoubleDiffing/difftest-full.bak")},
+                      {Data("appveyor-lab/RestoreTimeClean/RestoreTimeClean2.bak")}, m_tmp / "x");
+    EXPECT_EQ(run.iExit, 1);
+    EXPECT_NE(run.sOut.find("was not taken over this full backup"), std::string::npos) << run.sOut;
+
+    run = Zirlane({Data("appveyor-lab/RestoreTimeClean/RestoreTimeClean_1.trn")}, {}, m_tmp / "y");
+    EXPECT_EQ(run.iExit, 1);
+    EXPECT_NE(run.sOut.find("This is not a Full Database backup."), std::string::npos) << run.sOut;
+}
+
+}  // namespace
