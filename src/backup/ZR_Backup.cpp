@@ -7,6 +7,7 @@
 #include "backup/SQL_Records.h"
 #include "backup/ZR_ScanFull.h"
 #include "backup/ZR_ScanProbe.h"
+#include "backup/ZR_ScanVirtualizeBackup.h"
 #include "diag/Trace.h"
 #include "diag/ZR_Error.h"
 #include "maps/ZR_CMaps.h"
@@ -198,6 +199,8 @@ bool ZR_Backup::BuildContentMap(bool* pbMapped) {
             return false;
         }
     }
+    if (!ZR_ScanVirtualizeBackup::Run(this))
+        return false;
     if (!IsSupportedType()) {
         ZR_Error(m_wszKey, __FILE__, "ZR_Backup::PrepareContent", __LINE__,
                  "Not a supported backup type in data set %d of file %S\n", iDataSet, wszFirst);
@@ -260,6 +263,9 @@ bool ZR_Backup::PrepareContent(int32_t* piVersion) {
     if (!TakeSharedContentMap())
         return false;
     bool bBuilder = !m_pCMaps->GetIsCreated();
+    // Another object built the map: only the views are this object's own.
+    if (!bBuilder && !ZR_ScanVirtualizeBackup::Run(this))
+        return false;
     if (bBuilder) {
         bool bMapped = false;
         if (!BuildContentMap(&bMapped))

@@ -104,9 +104,12 @@ void ZR_VirtualBackupFile::SetNextLocation(const ZR_StripeLocation& loc) {
 void ZR_VirtualBackupFile::ApplyVirtualChanges(uint8_t* pBuffer, int64_t iViewOffset, uint32_t iLength) const {
     if (g_iTraceMode)
         TraceLine("m_iNumVirtualchanges: %d\n", m_iNumVirtualchanges);
-    uint64_t iReal = static_cast<uint64_t>(RealOffset(iViewOffset));
+    ApplyChangesAtReal(pBuffer, static_cast<uint64_t>(RealOffset(iViewOffset)), iLength);
+}
+
+void ZR_VirtualBackupFile::ApplyChangesAtReal(uint8_t* pBuffer, uint64_t iRealOffset, uint32_t iLength) const {
     for (int i = 0; i < m_iNumVirtualchanges; ++i)
-        ApplyChange(m_pChanges[i], pBuffer, iReal, iLength);
+        ApplyChange(m_pChanges[i], pBuffer, iRealOffset, iLength);
 }
 
 // One change against the buffer that holds the real bytes iReal to

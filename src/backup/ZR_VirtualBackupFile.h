@@ -56,6 +56,8 @@ public:
     // which must not cross a cut. Throws a const char* text when an
     // additive change has fewer than 8 bytes of the buffer behind it.
     void ApplyVirtualChanges(uint8_t* pBuffer, int64_t iViewOffset, uint32_t iLength) const;
+    // The same for a buffer that holds the real bytes from iRealOffset on.
+    void ApplyChangesAtReal(uint8_t* pBuffer, uint64_t iRealOffset, uint32_t iLength) const;
 
     // The mapping above; a log backup (all fields 0) maps v to v.
     int64_t RealOffset(int64_t iViewOffset) const;
