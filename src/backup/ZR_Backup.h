@@ -28,7 +28,6 @@ class ZR_EMaps;
 class ZR_BMaps;
 struct ZR_EMap;             // maps/ZR_EMaps.h
 struct ZR_StripeLocation;   // maps/ZR_CMaps.h
-class ZR_Read;              // backup/ZR_Read.h
 
 // The backup maps are built only with this switch, which nothing sets.
 constexpr bool g_bProcessBMaps = false;
@@ -152,10 +151,6 @@ public:
     // Extent maps built (not read from a file or shared) in this process.
     static int ms_iExtentMapBuilds;
 
-private:
-    bool ConstructStreamExtents(ZR_Read& read, uint8_t* pPage, bool* pbTrailer);
-
-public:
     // --- end of extent maps and reads ---
 
 private:

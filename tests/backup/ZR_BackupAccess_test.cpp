@@ -224,11 +224,12 @@ TEST_F(BackupAccess, AMapIsBuiltOnceThenSharedOrReadAndRebuiltWhenDamaged) {
 }
 
 // What the real files lack: many stripes with the extents spread over them,
-// and a read error in the middle of the walk.
+// enough extents that their headers are read by several threads, and a read
+// error in the middle of the walk.
 TEST_F(BackupAccess, SyntheticStripesPutEveryExtentWhereTheWriterPutIt) {
     zrtest::SyntheticOptions o;
     o.stripes = 3;
-    o.filePages = {256, 96};
+    o.filePages = {8192, 1200};
     o.transferExtents = 2;
     zrtest::SyntheticBackup writer(o);
     fs::path first = m_tmp / "synth.bak";
@@ -247,12 +248,12 @@ TEST_F(BackupAccess, SyntheticStripesPutEveryExtentWhereTheWriterPutIt) {
             ++iExtents;
         }
     }
-    EXPECT_EQ(iExtents, (256 + 96) / 8);
+    EXPECT_EQ(iExtents, (8192 + 1200) / 8);
 }
 
 TEST_F(BackupAccess, AReadErrorInTheWalkFailsTheBuildAndLeavesNoMapFile) {
     zrtest::SyntheticOptions o;
-    o.filePages = {512};
+    o.filePages = {4096};
     zrtest::SyntheticBackup writer(o);
     fs::path p = m_tmp / "cut.bak";
     ASSERT_TRUE(writer.Write(p)) << writer.Error();
