@@ -112,7 +112,8 @@ public:
     // when the file has no view.
     HANDLE GetNextHandle(int iFile);
     // Index of the view whose current handle is hFile, under the lock of
-    // m_aVirtualFiles; -1 if none.
+    // m_aVirtualFiles; -1 if none. Handles compare by the number that a
+    // .bxk name carries (ZR_VirtualBackupFile::HandleId).
     int FindVirtualFile(HANDLE hFile);
     // Bytes of the view of file iDevice, as its end of file and allocation
     // size; -1 when there is no such view or row.

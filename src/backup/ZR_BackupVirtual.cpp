@@ -21,7 +21,8 @@ int ZR_Backup::FindVirtualFile(HANDLE hFile) {
     int iFound = -1;
     m_aVirtualFiles.Lock();
     for (int i = 0; i < static_cast<int>(m_aVirtualFiles) && iFound < 0; ++i) {
-        if (hFile && m_aVirtualFiles(i)->GetHandle() == hFile)
+        HANDLE hView = m_aVirtualFiles(i)->GetHandle();
+        if (hFile && hView && ZR_VirtualBackupFile::HandleId(hView) == ZR_VirtualBackupFile::HandleId(hFile))
             iFound = i;
     }
     m_aVirtualFiles.Unlock();

@@ -42,9 +42,12 @@ ZR_VirtualBackupFile::~ZR_VirtualBackupFile() {
 
 HANDLE ZR_VirtualBackupFile::GetNextHandle() {
     EnterCriticalSection(HandleLock());
-    if (m_hVirtual)
-        CloseHandle(m_hVirtual);
+    // The new object is made while the old one still stands, so the new
+    // number cannot be the old one: a read by the old name is not found.
+    HANDLE hOld = m_hVirtual;
     m_hVirtual = CreateMutexW(nullptr, FALSE, nullptr);
+    if (hOld)
+        CloseHandle(hOld);
     m_HandleOpen = HandleId(m_hVirtual) + 0x87654321u;
     HANDLE h = m_hVirtual;
     LeaveCriticalSection(HandleLock());
