@@ -184,6 +184,10 @@ bool ZR_Backup::ObtainExtentMaps(int32_t iIndex) {
                 return FailAccess(&m_pEMaps, &m_pBMaps);
         }
     } else {
+        // A damaged file may have left part of a table behind, some of it
+        // in a view that is gone: the build starts from nothing.
+        m_pEMaps->Close();
+        m_pEMaps->Clean();
         m_pEMaps->AllocFromFileList(m_pCMaps->m_ConfigMSLS);
         m_pBMaps->SetIsIncremental(true);
         if (!ConstructBMaps() || !ConstructEMaps())

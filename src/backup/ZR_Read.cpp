@@ -113,7 +113,7 @@ bool ZR_Read::SeekStreamOffset(uint64_t iOffset) {
     uint64_t iStart = 0;
     for (int i = 0; i < n; ++i) {
         const uint64_t iLength = pMap->GetLocation(m_iThread, m_iDBLK, m_iSTREAM, i).iLength;
-        if (iOffset - iStart < iLength && iOffset >= iStart) {
+        if (iOffset >= iStart && iOffset - iStart < iLength) {
             m_iStream = i;
             m_iStreamMarker = iStart;
             m_iStreamCursor = iOffset;
