@@ -259,3 +259,83 @@ TEST_F(RealViews, ReadsAtAnyOffsetEqualTheWholeView) {
 }
 
 }  // namespace
+
+namespace {
+
+// zirlane view writes exactly what reads of the view return, read here in
+// pieces of 1 MiB rather than the command's 64 KiB.
+class ViewCommand : public ::testing::Test {
+protected:
+    void SetUp() override { ZR_REQUIRE_TESTDATA(); }
+
+    static fs::path Program() {
+        fs::path self = fs::read_symlink("/proc/self/exe");
+        return self.parent_path().parent_path().parent_path() / "tools" / "zirlane" / "zirlane";
+    }
+
+    int Run(const std::string& args, std::string* pOut) {
+        fs::path log = m_tmp / "out.txt";
+        std::string cmd = "'" + Program().string() + "' view --map-folder '" + (m_tmp / "maps").string() + "' " +
+                          args + " >'" + log.string() + "' 2>&1";
+        int iExit = (std::system(cmd.c_str()) >> 8) & 0xFF;
+        auto src = MtfSource::FromFile(log);
+        pOut->assign(src ? src->Size() : 0, 0);
+        if (src && !pOut->empty())
+            src->Read(0, pOut->data(), pOut->size());
+        return iExit;
+    }
+
+    static std::vector<uint8_t> Bytes(const fs::path& file) {
+        auto src = MtfSource::FromFile(file);
+        std::vector<uint8_t> b(src ? src->Size() : 0);
+        if (src && !b.empty()) {
+            EXPECT_TRUE(src->Read(0, b.data(), b.size()));
+        }
+        return b;
+    }
+
+    static std::string Quoted(const fs::path& p) { return "'" + p.string() + "'"; }
+
+    TempDir m_tmp;
+};
+
+TEST_F(ViewCommand, WritesTheViewOfTheChosenStripe) {
+    fs::path first = *TestDataFile("appveyor-lab/sql2008-backups/RestoreTimeStripe/Stripe1/RestoreTimeStripe.bak");
+    fs::path second = *TestDataFile("appveyor-lab/sql2008-backups/RestoreTimeStripe/Stripe2/RestoreTimeStripe1.bak");
+    std::string out;
+    for (int iStripe : {1, 2}) {
+        SCOPED_TRACE("stripe " + std::to_string(iStripe));
+        fs::path file = m_tmp / ("view" + std::to_string(iStripe) + ".bxk");
+        ASSERT_EQ(Run("--diff-follows --stripe " + std::to_string(iStripe) + " -o " + Quoted(file) + " " +
+                          Quoted(second) + " " + Quoted(first),
+                      &out),
+                  0)
+            << out;
+        std::vector<uint8_t> written = Bytes(file);
+        EXPECT_NE(out.find(std::to_string(written.size()) + " bytes"), std::string::npos) << out;
+
+        MapFolderScope scope(m_tmp / "maps");
+        std::string error;
+        auto backup = PrepareBackup({first, second}, true, &error);
+        ASSERT_TRUE(backup) << error;
+        EXPECT_EQ(written, ReadWholeView(*backup, iStripe - 1, 0x100000, &error)) << error;
+        MtfWalk walk = MtfWalker::WalkBytes(written);
+        EXPECT_TRUE(walk.ok) << walk.fault;
+        EXPECT_TRUE(walk.dataSets.front().log.empty());
+    }
+}
+
+TEST_F(ViewCommand, RefusesAStripeTheBackupLacksAndADifferentialOverADifferential) {
+    fs::path full = *TestDataFile("appveyor-lab/DoubleDiffing/difftest-full.bak");
+    fs::path diff = *TestDataFile("appveyor-lab/DoubleDiffing/difftest-diff1.bak");
+    std::string out;
+    EXPECT_EQ(Run("--stripe 2 -o " + Quoted(m_tmp / "a.bxk") + " " + Quoted(full), &out), 1);
+    EXPECT_NE(out.find("has no stripe 2"), std::string::npos) << out;
+    EXPECT_EQ(Run("--diff-follows -o " + Quoted(m_tmp / "b.bxk") + " " + Quoted(diff), &out), 1);
+    EXPECT_NE(out.find("This is not a Full Database backup."), std::string::npos) << out;
+    // A differential alone is fine.
+    EXPECT_EQ(Run("-o " + Quoted(m_tmp / "c.bxk") + " " + Quoted(diff), &out), 0) << out;
+    EXPECT_TRUE(MtfWalker::WalkFile(m_tmp / "c.bxk").ok);
+}
+
+}  // namespace

@@ -20,6 +20,7 @@ void AddProbeCommand(CLI::App& app, int* piExit);
 void AddStatementsCommand(CLI::App& app, int* piExit);
 void AddInfoCommand(CLI::App& app, int* piExit);
 void AddExtractCommand(CLI::App& app, int* piExit);
+void AddViewCommand(CLI::App& app, int* piExit);
 
 // The map folder: the default ($XDG_CACHE_HOME/zirlane/maps or
 // ~/.cache/zirlane/maps), the --map-folder option with that default, and

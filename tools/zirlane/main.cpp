@@ -9,6 +9,7 @@ const ZirlaneAddCommand kCommands[] = {
     AddStatementsCommand,
     AddInfoCommand,
     AddExtractCommand,
+    AddViewCommand,
 };
 
 }  // namespace
