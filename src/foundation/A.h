@@ -148,6 +148,7 @@ private:
         if (!zr_array::CheckReadCount(iCount, sizeof(T), "A::SerializeRead")) return false;
         if constexpr (ZR_SelfSerializing<T, File>) {
             if (g_iTraceMode) TraceLine("SerialiseRead template function\n");
+            if (!zr_array::CountFitsFile(pFile, iCount, 1)) return false;
             this->Reserve(iCount);
             for (unsigned i = 0; i < iCount; i++) {
                 new (&m_a[m_i]) T();

@@ -151,6 +151,8 @@ public:
         if (g_iTraceMode) TraceLine("SerialiseRead: #%u\n", iRows);
         if (iRows != 0) {
             if (!zr_array::CheckReadCount(iRows, sizeof(T*), "AA::SerializeRead")) return false;
+            // Every row takes at least its count word in the file.
+            if (!zr_array::CountFitsFile(pFile, iRows, sizeof(unsigned))) return false;
             int iCount = static_cast<int>(iRows);
             m_ai = static_cast<int*>(Calloc(iCount, sizeof(int), &m_iAllocAi));
             m_aa = static_cast<T**>(Calloc(iCount, sizeof(T*), &m_iAllocAa));
@@ -200,6 +202,7 @@ private:
         if (iCount == 0) return true;
         if (!zr_array::CheckReadCount(iCount, sizeof(T), "AA::SerializeRead")) return false;
         if constexpr (ZR_SelfSerializing<T, File>) {
+            if (!zr_array::CountFitsFile(pFile, iCount, 1)) return false;
             zr_array::Reserve(&m_aa[iX], &m_aaAllocSizes[iX], 0, iCount, nullptr);
             for (unsigned iY = 0; iY < iCount; iY++) {
                 new (&m_aa[iX][iY]) T();

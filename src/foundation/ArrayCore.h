@@ -136,6 +136,21 @@ void Destroy(T* a, int iFrom, int iTo) {
 // bits. A bad count is recorded and the read fails.
 bool CheckReadCount(unsigned iCount, size_t cbElement, const char* szFunction);
 
+// The same count against what is left of a file that can tell (map files
+// can; memory images in tests need not): iCount items of at least cbEach
+// bytes each must fit. Tables that are sized by a count before what it
+// counts is read would otherwise turn one damaged word into gigabytes.
+template <class File>
+bool CountFitsFile(File* pFile, unsigned iCount, unsigned cbEach) {
+    if constexpr (requires { pFile->BytesLeft(); }) {
+        if (static_cast<unsigned long long>(iCount) * cbEach > pFile->BytesLeft()) {
+            if (g_iTraceMode) TraceLine("SerializeRead: count %u beyond the end of the file\n", iCount);
+            return false;
+        }
+    }
+    return true;
+}
+
 }  // namespace zr_array
 
 // Elements that carry their own serialiser (arrays of arrays, records with

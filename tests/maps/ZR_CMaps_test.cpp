@@ -130,7 +130,7 @@ void ExpectSameContent(ZR_CMaps& map) {
         ASSERT_EQ(map.GetNumSegments(iFile, 1, 0), 3);
         EXPECT_EQ(map.GetNumSegments(iFile, 1, 1), 0);
         ZR_StripeLocation seg = map.GetLocation(iFile, 1, 0, 2);
-        EXPECT_EQ(seg.iBkpFileOfs, 4224u + 65536 * 2);
+        EXPECT_EQ(seg.GetBkpFileOfs(), 4224u + 65536 * 2);
         EXPECT_EQ(seg.iDevice, iFile);
         EXPECT_EQ(map.GetType(iFile), 0x4144534Du);
     }
@@ -139,7 +139,7 @@ void ExpectSameContent(ZR_CMaps& map) {
     EXPECT_EQ(static_cast<int>(map.m_ConfigMSCI.m_FileGroups), 1);
     // The dropped file is not kept.
     ASSERT_EQ(static_cast<int>(map.m_ConfigMSLS.m_Files), 2);
-    EXPECT_EQ(map.m_ConfigMSLS.m_Files(1)->m_hdr.m_size, 402u + 50);
+    EXPECT_EQ(uint32_t{map.m_ConfigMSLS.m_Files(1)->m_hdr.m_size}, 402u + 50);
 }
 
 TEST_F(ContentMapFile, WrittenMapIsReadBackThroughTheMappingUnderItsIdentityName) {
