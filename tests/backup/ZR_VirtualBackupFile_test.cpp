@@ -1,12 +1,12 @@
 // The view object on its own: the changes against reads that cut through
-// them, the mapping and size with the cuts, and the handle ids.
+// them, and the handle ids. The mapping and the size are held against the
+// walker on real and synthetic backups (View_test, ZR_ScanVirtualizeBackup_test).
 #include "backup/ZR_Backup.h"
 #include "backup/ZR_VirtualBackupFile.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <numeric>
 #include <set>
 #include <string>
 #include <thread>
@@ -88,45 +88,6 @@ TEST(VirtualBackupFile, AdditiveChangeSubtractsOnceAndNeedsItsEightBytes) {
     } catch (const char* sz) {
         EXPECT_STREQ(sz, "less than 8 bytes remaining in the buffer for an additive virtualization\n");
     }
-}
-
-// The first file of a full backup with 2 data files and a differential
-// over it: the data stream's header at 100,000 with 15 extents, the first
-// MSTL at 2,000,000 and the MSLS at 2,500,000, the last block (an SFMB of
-// 1,024 bytes, the block size) at 2,600,000.
-TEST(VirtualBackupFile, MappingAndSizeWithBothCuts) {
-    ZR_VirtualBackupFile view;
-    view.m_iKeptBytes = 131072;
-    view.m_iExtentsStart = 100024;
-    view.m_iHoleStart = 231096;
-    view.m_iHoleLength = 851968;
-    view.m_bHoleSet = true;
-    view.m_iFirstMSTL = 2000000;
-    view.m_iMSLS = 2500000;
-    view.m_iBlockSize = 1024;
-    ZR_StripeLocation last{2600000, 1000, 0, 2600000, 0};
-
-    view.m_bDropLog = false;
-    EXPECT_EQ(view.LogCut(), 0);
-    EXPECT_EQ(view.LogCutViewOffset(), -1);
-    EXPECT_EQ(view.RealOffset(1148032), 2000000);
-    EXPECT_EQ(view.ViewSize(last), 2601024 - 851968);
-
-    view.m_bDropLog = true;
-    EXPECT_EQ(view.RealOffset(100024), 100024);
-    EXPECT_EQ(view.RealOffset(231095), 231095);
-    EXPECT_EQ(view.RealOffset(231096), 1083064);
-    EXPECT_EQ(view.LogCutViewOffset(), 1148032);
-    EXPECT_EQ(view.RealOffset(1148031), 1999999);
-    EXPECT_EQ(view.RealOffset(1148032), 2500000);
-    EXPECT_EQ(view.ViewSize(last), 2601024 - 851968 - 500000);
-}
-
-TEST(VirtualBackupFile, LogBackupViewEndsWhereItsLastBlockStarts) {
-    ZR_VirtualBackupFile view;
-    ZR_StripeLocation last{84480 - 1024, 1024, 0, 84480 - 1024, 0};
-    EXPECT_EQ(view.ViewSize(last), 84480 - 1024);
-    EXPECT_EQ(view.RealOffset(5000), 5000);
 }
 
 TEST(VirtualBackupFile, NewHandleRetiresTheOldOne) {
