@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <vector>
 
@@ -163,11 +164,13 @@ bool ReadMapped(ZR_Backup* pB, int iDevice, ZR_VirtualBackupFile* pView, uint8_t
     uint64_t iHi = 0;
     WidenForAdditive(*pView, r, n, &iLo, &iHi);
     const uint32_t iWide = static_cast<uint32_t>(iHi - iLo);
-    std::vector<uint8_t> aWide;
+    // A widened read, or a buffer of the caller's that the disk cannot
+    // read into directly, goes through an aligned buffer of its own.
+    std::unique_ptr<AlignedPages> pBounce;
     uint8_t* pRead = pDest;
-    if (iLo != r || iWide != n) {
-        aWide.resize(iWide);
-        pRead = aWide.data();
+    if (iLo != r || iWide != n || reinterpret_cast<uintptr_t>(pDest) % kAlign != 0) {
+        pBounce = std::make_unique<AlignedPages>(iWide);
+        pRead = pBounce->m_p;
     }
     ZR_Read read(pB, iDevice);
     ZR_StripeLocation next = pView->GetNextLocation();
