@@ -183,6 +183,7 @@ bool MTF_ReadSfmbEntries(const void* pBlock, size_t iBytes, std::vector<uint64_t
         return false;
     }
     paEntries->resize(size_t(iUsed));
-    std::memcpy(paEntries->data(), pb + iArray, size_t(iUsed) * sizeof(uint64_t));
+    // An empty vector may have no storage at all, and memcpy takes no null.
+    if (iUsed != 0) std::memcpy(paEntries->data(), pb + iArray, size_t(iUsed) * sizeof(uint64_t));
     return true;
 }

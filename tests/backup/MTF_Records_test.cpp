@@ -305,7 +305,8 @@ TEST(MtfRealFiles, RaidWordHoldsFileCountLowAndOneHigh) {
     for (const ManifestRow& row : TapeFormatRows()) {
         SCOPED_TRACE(row.at("file"));
         std::vector<uint8_t> a = ReadWhole(*zrtest::TestDataFile(row.at("file")));
-        const Item* pRaid = Find(Walk(a), MTF_ID_RAID);
+        const std::vector<Item> aItems = Walk(a);  // Find points into it
+        const Item* pRaid = Find(aItems, MTF_ID_RAID);
         ASSERT_NE(pRaid, nullptr);
         ASSERT_EQ(Load<MTF_STREAM_HDR>(a, size_t(pRaid->m_iOffset)).m_length, sizeof(MTF_RAID_EXTENSION));
         const MTF_RAID_EXTENSION raid = Load<MTF_RAID_EXTENSION>(a, size_t(pRaid->m_iOffset) + MTF_STREAM_HDR_SIZE);
