@@ -237,10 +237,26 @@ std::wstring OutputPath(const ExtractOptions& options, const DataFile& file) {
     return ws + file.wsName;
 }
 
+// Files in different folders of the server can share a name; written into
+// one folder, one would overwrite the other.
+bool NamesAreDistinct(const std::vector<DataFile>& aFiles) {
+    for (size_t i = 0; i < aFiles.size(); ++i) {
+        for (size_t j = i + 1; j < aFiles.size(); ++j) {
+            if (aFiles[i].wsName != aFiles[j].wsName) continue;
+            ZR_Error(kKey, __FILE__, "ExtractCommand", __LINE__, "Data files %u and %u are both named %S.\n",
+                     static_cast<unsigned>(aFiles[i].iFileId), static_cast<unsigned>(aFiles[j].iFileId),
+                     aFiles[i].wsName.c_str());
+            return false;
+        }
+    }
+    return true;
+}
+
 bool ExtractFiles(const ExtractOptions& options, ZR_Backup& full, ZR_Backup* pDiff) {
     std::vector<DataFile> aFiles;
     if (!CollectDataFiles(full.m_pCMaps->m_ConfigMSCI, &aFiles)) return false;
     if (pDiff && !CollectDataFiles(pDiff->m_pCMaps->m_ConfigMSCI, &aFiles)) return false;
+    if (!NamesAreDistinct(aFiles)) return false;
     DataFileExtractor extractor(full, pDiff);
     for (const DataFile& file : aFiles) {
         OutputFile out;
