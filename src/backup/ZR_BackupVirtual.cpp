@@ -5,7 +5,6 @@
 #include <cstring>
 #include <memory>
 #include <new>
-#include <vector>
 
 #include "backup/ZR_Read.h"
 #include "diag/Trace.h"

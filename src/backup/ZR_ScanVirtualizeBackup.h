@@ -4,7 +4,8 @@
 // backup (the first data stream's length and header checksum, the data
 // files' page counts and sizes in both configuration blocks, the last LSN
 // when a differential follows, one filemark value of each soft filemark
-// block behind the cut).
+// block behind the cut, and the header of an alignment pad where the data
+// cut would otherwise move the soft filemarks off their grid).
 //
 // It does not walk the files: it goes through the content map, which must
 // exist, and reads only the configuration streams, the data streams' headers
