@@ -262,13 +262,13 @@ TEST_F(MountFlow, ARecordOfAnUnknownTypeIsRefused) {
 
 // Without the test steps a mount meets the library's own: this build cannot
 // read backup content, and says so under the mount key.
-TEST_F(MountFlow, TheLibrarysOwnStepsRefuseToPretend) {
+TEST_F(MountFlow, TheLibrarysOwnStepsFailOnBackupsThatDoNotExist) {
     ZR_InstallMountStepsForTesting(nullptr);
     std::wstring strKey;
     EXPECT_FALSE(Mount(Request(L"real"), &strKey));
     const std::wstring strErrors = Errors(L"real");
     EXPECT_TRUE(Contains(strErrors, L"Failed to prepare backup content for backup id: 0 SQL version: 0"));
-    EXPECT_TRUE(Contains(strErrors, L"Reading backup content is not available in this build"));
+    EXPECT_TRUE(Contains(strErrors, L"File probe failed for data set 2"));
     EXPECT_EQ(static_cast<int>(g_DBs), 0);
 }
 
