@@ -127,7 +127,7 @@ protected:
             iRead += ReadOnce<Map>(i % 2 == 1, touch);
         }
         EXPECT_GT(iRead, 0) << "no damaged copy got past the checks";
-        for (size_t len : zrtest::CutLengths(good.size(), iFrom + 64, 11)) {
+        for (size_t len : zrtest::CutLengths(good.size(), iFrom + 64, 37)) {
             Rewrite(name, good, len);
             SCOPED_TRACE(testing::Message() << "cut at " << len);
             EXPECT_FALSE(ReadOnce<Map>(len % 2 == 1, touch));
