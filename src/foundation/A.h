@@ -58,6 +58,7 @@ public:
     }
     template <class... Args>
     T& Append(Args&&... args) {
+        auto lock = this->Guard();  // m_i is read under the lock too
         return Insert(m_i, std::forward<Args>(args)...);
     }
     template <class... Args>

@@ -95,7 +95,10 @@ public:
         *this->OpenSlot(i) = p;
         return p;
     }
-    T* Append(T* p) { return Insert(m_i, p); }
+    T* Append(T* p) {
+        auto lock = this->Guard();  // m_i is read under the lock too
+        return Insert(m_i, p);
+    }
     T* Prepend(T* p) { return Insert(0, p); }
 
     // Grows to i + 1 entries when needed, the new ones null.

@@ -262,6 +262,9 @@ private:
     static void AddRef(Data* d) {
         if (d != Nil()) InterlockedIncrement(&d->m_iRefs);
     }
+    // This string alone holds the buffer. The count is read as atomically as
+    // copies on other threads change it.
+    static bool IsSole(Data* d) { return d != Nil() && InterlockedCompareExchange(&d->m_iRefs, 0, 0) == 1; }
     static void Release(Data* d) {
         if (d != Nil() && InterlockedDecrement(&d->m_iRefs) == 0) Free(&d);
     }
@@ -288,7 +291,7 @@ private:
     // replaced.
     T* MakePrivate(int iChars, int iKeep) {
         Data* d = GetData();
-        if (d != Nil() && d->m_iRefs == 1 && d->m_iAlloc >= iChars) return m_psz;
+        if (IsSole(d) && d->m_iAlloc >= iChars) return m_psz;
         Data* dNew = Allocate(iChars);
         std::copy(m_psz, m_psz + iKeep, dNew->Chars());
         dNew->m_iLength = iKeep;
@@ -314,7 +317,7 @@ private:
         int iOld = GetLength();
         if (static_cast<long long>(iOld) + n > INT_MAX / 2) throw BadAlloc(UINT_MAX);
         Data* d = GetData();
-        bool bFits = d != Nil() && d->m_iRefs == 1 && d->m_iAlloc >= iOld + n;
+        bool bFits = IsSole(d) && d->m_iAlloc >= iOld + n;
         if (!bFits) {
             // Grow by half again, so that appending one character at a time
             // copies only logarithmically often. p may point into the old

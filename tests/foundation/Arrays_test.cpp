@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+
 #include <cstring>
 #include <thread>
 #include <vector>
@@ -15,12 +17,12 @@ namespace {
 
 // Counts its live instances, so tests can see which entries an array destroyed.
 struct Tracked {
-    static int ms_iLive;
+    static std::atomic<int> ms_iLive;  // arrays are filled from several threads
     int m_iValue;
     explicit Tracked(int i) : m_iValue(i) { ms_iLive++; }
     ~Tracked() { ms_iLive--; }
 };
-int Tracked::ms_iLive = 0;
+std::atomic<int> Tracked::ms_iLive = 0;
 
 #pragma pack(push, 1)
 struct RecHeader {
