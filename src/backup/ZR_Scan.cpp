@@ -28,15 +28,10 @@ uint16_t Load16(const uint8_t* p) {
     return i;
 }
 
-// The texts below use the Windows conversions (%I64d) that the trace
-// formatter understands and the compiler's printf checker does not.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat"
 void TraceHeader(const char* szKind, const void* pId, int64_t iOffset, uint32_t iLength) {
     TraceLine("%s %.4s at %I64d, %d bytes\n", szKind, static_cast<const char*>(pId), iOffset,
               static_cast<int>(iLength));
 }
-#pragma GCC diagnostic pop
 
 }  // namespace
 

@@ -25,11 +25,8 @@ constexpr uint32_t SFMB_USED_OFFSET = 56;  // m_filemark_entries_used
 constexpr uint32_t SFMB_ARRAY_OFFSET = 60;  // the array as versions 7 to 9 keep it
 constexpr uint32_t MIN_SFMB_SIZE = 72;
 
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat"
 void TraceSfmb(int64_t iOffset) { TraceLine("SFMB %I64d:\n", iOffset); }
 void TraceSfmbEntry(int i, uint64_t iEntry) { TraceLine("  %3d: %I64d\n", i, static_cast<int64_t>(iEntry)); }
-#pragma GCC diagnostic pop
 
 }  // namespace
 

@@ -48,7 +48,7 @@ HANDLE ZR_VirtualBackupFile::GetNextHandle() {
     m_hVirtual = CreateMutexW(nullptr, FALSE, nullptr);
     if (hOld)
         CloseHandle(hOld);
-    m_HandleOpen = HandleId(m_hVirtual) + 0x87654321u;
+    m_HandleOpen = ZR_HandleTag(m_hVirtual);
     HANDLE h = m_hVirtual;
     LeaveCriticalSection(HandleLock());
     if (g_iTraceMode)

@@ -11,21 +11,13 @@
 
 namespace {
 
-constexpr uint32_t HANDLE_TAG_BIAS = 0x87654321;
 constexpr uint32_t MAX_SECTOR_SIZE = 16384;  // the window must hold whole sectors, rounded up
 constexpr uint64_t ENTRY_OFFSET_MASK = (uint64_t(1) << 52) - 1;
-
-uint32_t HandleTag(HANDLE h) { return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(h)) + HANDLE_TAG_BIAS; }
 
 bool IsPowerOfTwo(uint32_t i) { return i != 0 && (i & (i - 1)) == 0; }
 
 wchar_t* DupOrNull(const wchar_t* pwsz) { return pwsz ? _wcsdup(pwsz) : nullptr; }
 
-// The trace formatter understands the Windows conversions (%I64d); the
-// compiler's printf checker does not, so the lines that use them are kept
-// here, out of its sight.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat"
 void TraceReadLine(ZR_IO_e eIO, HANDLE hFile, uint64_t iOfs, uint32_t iLen, uint64_t iMicroseconds) {
     TraceLine("    %s %p %I64d %d %d.%d\n", GetIOName(eIO), hFile, static_cast<int64_t>(iOfs), static_cast<int>(iLen),
               static_cast<int>(iMicroseconds / 1000000), static_cast<int>(iMicroseconds % 1000000));
@@ -36,7 +28,6 @@ void TraceNativeLine(uint64_t iSeekOfs, uint32_t iLen, uint32_t iRelativeOfs, ui
               static_cast<int64_t>(iSeekOfs), static_cast<int>(iLen), static_cast<int>(iRelativeOfs),
               static_cast<int>(iPageOfs), pDest);
 }
-#pragma GCC diagnostic pop
 
 // A drive root, or the first two components of a UNC path, with the
 // trailing backslash.
@@ -125,7 +116,7 @@ bool ZR_BackupFile::Open() {
                  static_cast<int>(GetLastError()), m_pwszFileName);
         return false;
     }
-    m_HandleOpen = HandleTag(m_hFile);
+    m_HandleOpen = ZR_HandleTag(m_hFile);
     if (g_iTraceMode) TraceLine("ZR_BackupFile::Open() - m_HandleOpen: %08x\n", m_HandleOpen);
 
     DWORD iHigh = 0;
@@ -219,7 +210,7 @@ bool ZR_BackupFile::ReadA(void* pDest, uint64_t iOfs, uint32_t iLen, ZR_IO_e eIO
     overlapped.Offset = static_cast<DWORD>(iOfs);
     overlapped.OffsetHigh = static_cast<DWORD>(iOfs >> 32);
     overlapped.hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    if (g_iTraceMode) TraceLine("ZR_BackupFile::ReadA - HandleOpen: %08x\n", HandleTag(overlapped.hEvent));
+    if (g_iTraceMode) TraceLine("ZR_BackupFile::ReadA - HandleOpen: %08x\n", ZR_HandleTag(overlapped.hEvent));
 
     const uint64_t iStart = ZR_IOStats::QueryTicks();
     DWORD iRead = 0;

@@ -30,6 +30,12 @@ extern wchar_t g_wszTracePath[MAX_PATH];  // default "c:\", which cannot be open
 extern FILE* g_pTraceFile;
 extern int g_iTraceFileLines;           // lines since the file was last opened
 
+// The tag under which an open handle appears in the trace: the low 32 bits
+// of the handle plus 0x87654321.
+inline uint32_t ZR_HandleTag(HANDLE h) {
+    return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(h)) + 0x87654321u;
+}
+
 constexpr unsigned kTraceNoLimit = 0xFFFFFFFF;
 constexpr unsigned kTraceRingSize = 0x100000;
 constexpr int kTraceLineSize = 256;

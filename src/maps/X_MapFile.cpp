@@ -14,12 +14,6 @@ wchar_t g_wszMapFilesFolder[MAX_PATH] = {};
 
 namespace {
 
-constexpr uint32_t kHandleTag = 0x87654321;
-
-uint32_t HandleTag(HANDLE h) {
-    return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(h)) + kHandleTag;
-}
-
 bool IsZeroDate(const MTF_DATE_TIME& d) {
     static const uint8_t zero[sizeof(MTF_DATE_TIME)] = {};
     return std::memcmp(&d, zero, sizeof d) == 0;
@@ -203,7 +197,7 @@ bool X_MapFile::OpenForMMF() {
     m_hFile = CreateFileW(m_wszMapFileName, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
                           FILE_ATTRIBUTE_NORMAL, nullptr);
     if (m_hFile != INVALID_HANDLE_VALUE) {
-        m_FileHandleOpen = HandleTag(m_hFile);
+        m_FileHandleOpen = ZR_HandleTag(m_hFile);
         if (g_iTraceMode)
             TraceLine("X_MapFile::OpenForMMF - m_FileHandleOpen: %08x\n", m_FileHandleOpen);
         DWORD high = 0;
@@ -216,7 +210,7 @@ bool X_MapFile::OpenForMMF() {
         if (m_iFileSize > 0 && m_iOffset < m_iFileSize) {
             m_hMMF = CreateFileMappingW(m_hFile, nullptr, PAGE_READONLY, 0, 0, nullptr);
             if (m_hMMF) {
-                m_MMFHandleOpen = HandleTag(m_hMMF);
+                m_MMFHandleOpen = ZR_HandleTag(m_hMMF);
                 if (g_iTraceMode)
                     TraceLine("X_MapFile::OpenForMMF - m_MMFHandleOpen: %08x\n", m_MMFHandleOpen);
                 m_iViewOffset = m_iOffset - m_iOffset % si.dwAllocationGranularity;
@@ -299,7 +293,7 @@ bool X_MapFile::OpenForUpdate() {
         m_hFile = CreateFileW(m_wszMapFileName, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
                               nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
         if (m_hFile != INVALID_HANDLE_VALUE) {
-            m_FileHandleOpen = HandleTag(m_hFile);
+            m_FileHandleOpen = ZR_HandleTag(m_hFile);
             if (g_iTraceMode)
                 TraceLine("X_MapFile::OpenForUpdate - m_FileHandleOpen: %08x\n", m_FileHandleOpen);
             m_iFileSize = GetFileSize(m_hFile, nullptr);
@@ -307,7 +301,7 @@ bool X_MapFile::OpenForUpdate() {
             if (!m_hMMF)
                 m_hMMF = INVALID_HANDLE_VALUE;
             if (m_hMMF != INVALID_HANDLE_VALUE) {
-                m_MMFHandleOpen = HandleTag(m_hMMF);
+                m_MMFHandleOpen = ZR_HandleTag(m_hMMF);
                 if (g_iTraceMode)
                     TraceLine("X_MapFile::OpenForUpdate - m_MMFHandleOpen: %08x\n", m_MMFHandleOpen);
                 m_pView = MapViewOfFile(m_hMMF, FILE_MAP_ALL_ACCESS, 0, 0, 0);

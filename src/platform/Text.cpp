@@ -3,12 +3,17 @@
 // before they get here.
 #include "platform/win32.h"
 
+#include "platform/PathNames.h"
+
 #include <strings.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <cwchar>
 #include <cwctype>
 #include <string>
 #include <vector>
@@ -141,4 +146,54 @@ int _snwprintf(wchar_t* buffer, size_t count, const wchar_t* format, ...) {
     int result = _vsnwprintf(buffer, count, format, args);
     va_end(args);
     return result;
+}
+
+// ---------------------------------------------------------------------------
+// Code pages
+// ---------------------------------------------------------------------------
+
+namespace {
+
+// Copies n items to the caller's buffer when it has room; the Win32 count
+// rules (0 asks for the size; too small a buffer is an error).
+template <class Ch>
+int CopyOut(const Ch* pFrom, size_t n, Ch* pTo, int iRoom) {
+    if (iRoom == 0)
+        return static_cast<int>(n);
+    if (!pTo || iRoom < 0 || n > static_cast<size_t>(iRoom)) {
+        SetLastError(ERROR_INSUFFICIENT_BUFFER);
+        return 0;
+    }
+    std::copy(pFrom, pFrom + n, pTo);
+    return static_cast<int>(n);
+}
+
+}  // namespace
+
+int WideCharToMultiByte(UINT, DWORD, LPCWSTR lpWideCharStr, int cchWideChar, LPSTR lpMultiByteStr, int cbMultiByte,
+                        LPCSTR, BOOL* lpUsedDefaultChar) {
+    if (lpUsedDefaultChar)
+        *lpUsedDefaultChar = FALSE;
+    if (!lpWideCharStr || cchWideChar == 0 || cchWideChar < -1) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return 0;
+    }
+    size_t n = cchWideChar < 0 ? std::wcslen(lpWideCharStr) + 1 : static_cast<size_t>(cchWideChar);
+    std::string text = zr::platform::WideToUtf8(std::wstring(lpWideCharStr, n).c_str());
+    if (cchWideChar < 0 || (n > 0 && lpWideCharStr[n - 1] == 0))
+        text += '\0';  // the terminator, which the conversion stops at
+    return CopyOut(text.data(), text.size(), lpMultiByteStr, cbMultiByte);
+}
+
+int MultiByteToWideChar(UINT, DWORD, LPCSTR lpMultiByteStr, int cbMultiByte, LPWSTR lpWideCharStr, int cchWideChar) {
+    if (!lpMultiByteStr || cbMultiByte == 0 || cbMultiByte < -1) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return 0;
+    }
+    size_t n = cbMultiByte < 0 ? std::strlen(lpMultiByteStr) + 1 : static_cast<size_t>(cbMultiByte);
+    bool bTerminated = n > 0 && lpMultiByteStr[n - 1] == 0;
+    std::wstring text = zr::platform::Utf8ToWide(std::string(lpMultiByteStr, bTerminated ? n - 1 : n));
+    if (bTerminated)
+        text += L'\0';
+    return CopyOut(text.data(), text.size(), lpWideCharStr, cchWideChar);
 }

@@ -457,6 +457,20 @@ ULONGLONG GetTickCount64();
 int64_t _time64(int64_t* timer);
 
 // ---------------------------------------------------------------------------
+// Code pages: the system's narrow text is UTF-8 here, whatever the call asks.
+// ---------------------------------------------------------------------------
+constexpr UINT CP_ACP = 0;
+constexpr UINT CP_UTF8 = 65001;
+// With cchWideChar or cbMultiByte -1 the input ends at its zero, which is
+// converted too. With an output size of 0 the result is the size needed.
+// Characters that are no Unicode scalar value, and bytes that are no UTF-8,
+// become U+FFFD.
+int WideCharToMultiByte(UINT CodePage, DWORD dwFlags, LPCWSTR lpWideCharStr, int cchWideChar, LPSTR lpMultiByteStr,
+                        int cbMultiByte, LPCSTR lpDefaultChar, BOOL* lpUsedDefaultChar);
+int MultiByteToWideChar(UINT CodePage, DWORD dwFlags, LPCSTR lpMultiByteStr, int cbMultiByte, LPWSTR lpWideCharStr,
+                        int cchWideChar);
+
+// ---------------------------------------------------------------------------
 // Wide and narrow text helpers of the C runtime
 // ---------------------------------------------------------------------------
 wchar_t* _wcsdup(const wchar_t* s);

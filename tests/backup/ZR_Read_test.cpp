@@ -93,16 +93,16 @@ TEST_F(HandMadeMap, SeekStripeOffsetEndsInTheEntryThatCoversTheOffsetOrTheOneInF
     for (const Case& c : cases) {
         SCOPED_TRACE(c.t);
         ZR_StripeLocation loc = r.SeekStripeOffset(c.t);
-        EXPECT_EQ(loc.iStripeOfs, c.iEntry);
-        EXPECT_GT(loc.iLength, 0u);
+        EXPECT_EQ(loc.GetStripeOfs(), c.iEntry);
+        EXPECT_GT(uint64_t{loc.iLength}, 0u);
         EXPECT_EQ(r.m_iSTREAM, c.iSTREAM);
         EXPECT_EQ(r.m_iStream, c.iStream);
         EXPECT_EQ(r.m_iStreamCursor, c.t);
         EXPECT_EQ(r.m_iStreamMarker, c.iEntry);
     }
     // Behind the header of the last block nothing maps the offset.
-    EXPECT_EQ(r.SeekStripeOffset(5200).iLength, 0u);
-    EXPECT_EQ(r.SeekStripeOffset(16000).iLength, 0u);
+    EXPECT_EQ(uint64_t{r.SeekStripeOffset(5200).iLength}, 0u);
+    EXPECT_EQ(uint64_t{r.SeekStripeOffset(16000).iLength}, 0u);
 }
 
 TEST_F(HandMadeMap, StripeReadsGiveTheFileBytesAndGoOnWithoutASearch) {
@@ -113,8 +113,8 @@ TEST_F(HandMadeMap, StripeReadsGiveTheFileBytesAndGoOnWithoutASearch) {
         ASSERT_TRUE(r.Read(got.data(), t, 300, &iRead)) << t;
         EXPECT_EQ(iRead, 300u);
         EXPECT_EQ(0, std::memcmp(got.data(), m_bytes.data() + t, 300)) << t;
-        EXPECT_EQ(r.GetNextLocation().iStripeOfs, t + 300);
-        EXPECT_EQ(r.GetNextLocation().iBkpFileOfs, t + 300);
+        EXPECT_EQ(r.GetNextLocation().GetStripeOfs(), t + 300);
+        EXPECT_EQ(r.GetNextLocation().GetBkpFileOfs(), t + 300);
     }
     // The next read where the last ended takes the next location: the
     // reader's positions stay where the last search left them.
