@@ -21,16 +21,12 @@
 #include "support/MtfWalker.h"
 #include "support/PageFormat.h"
 #include "support/SyntheticBackup.h"
+#include "support/CliRun.h"
 #include "support/TestData.h"
 
 namespace fs = std::filesystem;
 
 namespace {
-
-struct CliRun {
-    int iExit = -1;
-    std::string sOut;
-};
 
 std::string Slurp(const fs::path& p) {
     std::ifstream in(p, std::ios::binary);
@@ -64,26 +60,18 @@ uint64_t AllocatedBytes(const fs::path& p) {
 class Extract : public ::testing::Test {
 protected:
 
-    static fs::path Program() {
-        fs::path self = fs::read_symlink("/proc/self/exe");
-        return self.parent_path().parent_path().parent_path() / "tools" / "zirlane" / "zirlane";
-    }
     static fs::path Data(const std::string& rel) { return *zrtest::TestDataFile(rel); }
 
-    CliRun Zirlane(const std::vector<fs::path>& full, const std::vector<fs::path>& diff, const fs::path& out) {
-        std::string cmd = "'" + Program().string() + "' extract --map-folder '" + (m_tmp / "maps").string() + "'";
-        cmd += " -o '" + out.string() + "' --full";
+    zrtest::CliRun Zirlane(const std::vector<fs::path>& full, const std::vector<fs::path>& diff, const fs::path& out) {
+        std::vector<std::string> args{"extract", "--map-folder", (m_tmp / "maps").string(), "-o", out.string(), "--full"};
         for (auto& f : full)
-            cmd += " '" + f.string() + "'";
+            args.push_back(f.string());
         if (!diff.empty())
-            cmd += " --diff";
+            args.push_back("--diff");
         for (auto& f : diff)
-            cmd += " '" + f.string() + "'";
-        fs::path log = m_tmp / "out.txt";
-        cmd += " >'" + log.string() + "' 2>&1";
-        CliRun run;
-        run.iExit = (std::system(cmd.c_str()) >> 8) & 0xFF;
-        run.sOut = Slurp(log);
+            args.push_back(f.string());
+        zrtest::CliRun run = zrtest::RunZirlane(args, m_tmp.path());
+        run.sOut += run.sErr;  // what the program said, in one text
         return run;
     }
 
@@ -98,7 +86,7 @@ protected:
         zrtest::MtfWalk walk = zrtest::MtfWalker::WalkFile(diff.empty() ? full[0] : diff[0]);
         ASSERT_TRUE(walk.ok) << walk.fault;
         fs::path out = m_tmp / ("out" + std::to_string(m_iRuns++));
-        CliRun run = Zirlane(full, diff, out);
+        zrtest::CliRun run = Zirlane(full, diff, out);
         ASSERT_EQ(run.iExit, 0) << run.sOut;
         int iFiles = 0;
         for (const zrtest::MtfSqlFile& file : walk.DataSet(1)->msci.files) {
@@ -176,11 +164,11 @@ TEST_F(Extract, ASecondExtractReadsTheMapFilesAndScansNothing) {
     ZR_REQUIRE_TESTDATA();
     const fs::path full = Data("appveyor-lab/RestoreTimeClean/RestoreTimeClean.bak");
     const fs::path diff = Data("appveyor-lab/RestoreTimeClean/RestoreTimeClean2.bak");
-    CliRun first = Zirlane({full}, {diff}, m_tmp / "a");
+    zrtest::CliRun first = Zirlane({full}, {diff}, m_tmp / "a");
     ASSERT_EQ(first.iExit, 0) << first.sOut;
     EXPECT_NE(first.sOut.find("full backup: content map built, extent map built"), std::string::npos) << first.sOut;
     EXPECT_NE(first.sOut.find("differential backup: content map built, extent map built"), std::string::npos);
-    CliRun second = Zirlane({full}, {diff}, m_tmp / "b");
+    zrtest::CliRun second = Zirlane({full}, {diff}, m_tmp / "b");
     ASSERT_EQ(second.iExit, 0) << second.sOut;
     EXPECT_NE(second.sOut.find("full backup: content map read, extent map read"), std::string::npos) << second.sOut;
     EXPECT_NE(second.sOut.find("differential backup: content map read, extent map read"), std::string::npos);
@@ -189,7 +177,7 @@ TEST_F(Extract, ASecondExtractReadsTheMapFilesAndScansNothing) {
 
 TEST_F(Extract, RefusesADifferentialOfAnotherFullBackupAndALogBackup) {
     ZR_REQUIRE_TESTDATA();
-    CliRun run = Zirlane({Data("appveyor-lab/DoubleDiffing/difftest-full.bak")},
+    zrtest::CliRun run = Zirlane({Data("appveyor-lab/DoubleDiffing/difftest-full.bak")},
                       {Data("appveyor-lab/RestoreTimeClean/RestoreTimeClean2.bak")}, m_tmp / "x");
     EXPECT_EQ(run.iExit, 1);
     EXPECT_NE(run.sOut.find("was not taken over this full backup"), std::string::npos) << run.sOut;
@@ -222,7 +210,7 @@ TEST_F(Extract, AStripedDifferentialGoesOverAStripedFullBackup) {
         aFull.push_back(zrtest::SyntheticBackup::StripePath(m_tmp / "full.bak", s));
         aDiff.push_back(zrtest::SyntheticBackup::StripePath(m_tmp / "diff.bak", s));
     }
-    CliRun run = Zirlane(aFull, aDiff, m_tmp / "out");
+    zrtest::CliRun run = Zirlane(aFull, aDiff, m_tmp / "out");
     ASSERT_EQ(run.iExit, 0) << run.sOut;
     int iFromDiff = 0;
     std::vector<uint8_t> want(zrtest::kPageSize);

@@ -20,6 +20,7 @@
 #include "mount/ZR_MountStepsTesting.h"
 #include "support/Manifest.h"
 #include "support/MtfWalker.h"
+#include "support/CliRun.h"
 #include "support/TestData.h"
 #include "zirlane/zirlane.h"
 
@@ -187,40 +188,8 @@ TEST_F(RealStatements, AStripedChainNamesEveryStripe) {
 
 // ---- The zirlane program ----
 
-fs::path ProgramPath() {
-    fs::path self = fs::read_symlink("/proc/self/exe");
-    return self.parent_path().parent_path().parent_path() / "tools" / "zirlane" / "zirlane";
-}
-
-std::string ReadAll(const fs::path& p) {
-    std::ifstream in(p);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-std::string ShellQuote(const std::string& s) {
-    std::string q = "'";
-    for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return q + "'";
-}
-
-struct CliRun {
-    int iExit = -1;
-    std::string out, err;
-};
-
-CliRun Zirlane(const std::vector<std::string>& aArgs, const zrtest::TempDir& tmp) {
-    std::string command = ShellQuote(ProgramPath().string());
-    for (const auto& a : aArgs) command += " " + ShellQuote(a);
-    const fs::path out = tmp / "out.txt", err = tmp / "err.txt";
-    command += " >" + ShellQuote(out.string()) + " 2>" + ShellQuote(err.string());
-    CliRun run;
-    const int iStatus = std::system(command.c_str());
-    run.iExit = (iStatus >> 8) & 0xFF;
-    run.out = ReadAll(out);
-    run.err = ReadAll(err);
-    return run;
+zrtest::CliRun Zirlane(const std::vector<std::string>& aArgs, const zrtest::TempDir& tmp) {
+    return zrtest::RunZirlane(aArgs, tmp.path());
 }
 
 size_t Count(const std::string& text, const std::string& part) {
@@ -233,46 +202,46 @@ TEST(ZirlaneStatements, TheCleanChainComesOutInOrderThenTheAttach) {
     ZR_REQUIRE_TESTDATA();
     zrtest::TempDir tmp;
     const std::string dir = std::string(kClean);
-    CliRun run = Zirlane({"statements", "--database", "Copy", "--key", "K", "--map-folder", (tmp / "maps").string(),
+    zrtest::CliRun run = Zirlane({"statements", "--database", "Copy", "--key", "K", "--map-folder", (tmp / "maps").string(),
                        "--full", Path(dir + "RestoreTimeClean.bak"), "--diff", Path(dir + "RestoreTimeClean2.bak"),
                        "--log", Path(dir + "RestoreTimeClean2_1.trn"), "--log", Path(dir + "RestoreTimeClean2_2.trn"),
                        "--log", Path(dir + "RestoreTimeClean2_3.trn"), "--stop", "STOPAT='2017-06-01 13:25:00'",
                        "--with", "1:move 'RestoreTimeClean' to 'D:\\x.mdf'"},
                       tmp);
-    ASSERT_EQ(run.iExit, 0) << run.err;
-    EXPECT_EQ(Count(run.out, "RESTORE DATABASE [Copy] FROM DISK=\n'C:\\K!"), 5u) << run.out;
-    EXPECT_EQ(Count(run.out, "STOPAT='2017-06-01 13:25:00.000'"), 5u);
-    EXPECT_EQ(Count(run.out, "\nnorecovery, \n\nSTOPAT="), 1u) << "the full backup";
-    EXPECT_EQ(Count(run.out, "\nwith norecovery, \n\nSTOPAT="), 3u) << "the differential and two logs";
-    EXPECT_EQ(Count(run.out, "\nwith recovery, \n\nSTOPAT="), 1u) << "the last log";
-    EXPECT_NE(run.out.find("',\nmove 'RestoreTimeClean' to 'D:\\x.mdf'\n"), std::string::npos);
+    ASSERT_EQ(run.iExit, 0) << run.sErr;
+    EXPECT_EQ(Count(run.sOut, "RESTORE DATABASE [Copy] FROM DISK=\n'C:\\K!"), 5u) << run.sOut;
+    EXPECT_EQ(Count(run.sOut, "STOPAT='2017-06-01 13:25:00.000'"), 5u);
+    EXPECT_EQ(Count(run.sOut, "\nnorecovery, \n\nSTOPAT="), 1u) << "the full backup";
+    EXPECT_EQ(Count(run.sOut, "\nwith norecovery, \n\nSTOPAT="), 3u) << "the differential and two logs";
+    EXPECT_EQ(Count(run.sOut, "\nwith recovery, \n\nSTOPAT="), 1u) << "the last log";
+    EXPECT_NE(run.sOut.find("',\nmove 'RestoreTimeClean' to 'D:\\x.mdf'\n"), std::string::npos);
     const std::string attach = ExpectedAttach("Copy", dir + "RestoreTimeClean.bak");
-    ASSERT_GE(run.out.size(), attach.size());
-    EXPECT_EQ(run.out.substr(run.out.size() - attach.size()), attach);
+    ASSERT_GE(run.sOut.size(), attach.size());
+    EXPECT_EQ(run.sOut.substr(run.sOut.size() - attach.size()), attach);
 }
 
 TEST(ZirlaneStatements, BadOptionsAndAFailedMountExitNonZero) {
     ZR_REQUIRE_TESTDATA();
     zrtest::TempDir tmp;
     const std::string full = Path(std::string(kClean) + "RestoreTimeClean.bak");
-    CliRun run = Zirlane({"statements", "--database", "D", "--map-folder", (tmp / "maps").string(), "--full", full,
+    zrtest::CliRun run = Zirlane({"statements", "--database", "D", "--map-folder", (tmp / "maps").string(), "--full", full,
                        "--with", "0:x"},
                       tmp);
     EXPECT_EQ(run.iExit, 1);
-    EXPECT_NE(run.err.find("N:OPTION"), std::string::npos) << run.err;
+    EXPECT_NE(run.sErr.find("N:OPTION"), std::string::npos) << run.sErr;
 
     run = Zirlane({"statements", "--database", "D", "--map-folder", (tmp / "maps").string(), "--full", full,
                    "--stop", "STOPWHEN='soon'"},
                   tmp);
     EXPECT_EQ(run.iExit, 1);
-    EXPECT_NE(run.err.find("stop clause is not understood"), std::string::npos) << run.err;
+    EXPECT_NE(run.sErr.find("stop clause is not understood"), std::string::npos) << run.sErr;
 
     run = Zirlane({"statements", "--database", "D", "--map-folder", (tmp / "maps").string(), "--full",
                    (tmp / "missing.bak").string()},
                   tmp);
     EXPECT_EQ(run.iExit, 1);
-    EXPECT_NE(run.err.find("Unable to open backup file"), std::string::npos) << run.err;
-    EXPECT_EQ(run.out, "");
+    EXPECT_NE(run.sErr.find("Unable to open backup file"), std::string::npos) << run.sErr;
+    EXPECT_EQ(run.sOut, "");
 }
 
 }  // namespace

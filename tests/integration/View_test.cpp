@@ -2,6 +2,7 @@
 // offset 0 to the view's size in pieces of 64 KiB) and checked with the
 // test walker and the naive restore, which share no code with the library.
 #include "backup/ZR_Backup.h"
+#include "support/CliRun.h"
 #include "support/Manifest.h"
 #include "support/MtfWalker.h"
 #include "support/TestData.h"
@@ -268,21 +269,11 @@ class ViewCommand : public ::testing::Test {
 protected:
     void SetUp() override { ZR_REQUIRE_TESTDATA(); }
 
-    static fs::path Program() {
-        fs::path self = fs::read_symlink("/proc/self/exe");
-        return self.parent_path().parent_path().parent_path() / "tools" / "zirlane" / "zirlane";
-    }
-
-    int Run(const std::string& args, std::string* pOut) {
-        fs::path log = m_tmp / "out.txt";
-        std::string cmd = "'" + Program().string() + "' view --map-folder '" + (m_tmp / "maps").string() + "' " +
-                          args + " >'" + log.string() + "' 2>&1";
-        int iExit = (std::system(cmd.c_str()) >> 8) & 0xFF;
-        auto src = MtfSource::FromFile(log);
-        pOut->assign(src ? src->Size() : 0, 0);
-        if (src && !pOut->empty())
-            src->Read(0, pOut->data(), pOut->size());
-        return iExit;
+    int Run(std::vector<std::string> args, std::string* pOut) {
+        args.insert(args.begin(), {"view", "--map-folder", (m_tmp / "maps").string()});
+        zrtest::CliRun run = zrtest::RunZirlane(args, m_tmp.path());
+        *pOut = run.sOut + run.sErr;
+        return run.iExit;
     }
 
     static std::vector<uint8_t> Bytes(const fs::path& file) {
@@ -294,8 +285,6 @@ protected:
         return b;
     }
 
-    static std::string Quoted(const fs::path& p) { return "'" + p.string() + "'"; }
-
     TempDir m_tmp;
 };
 
@@ -306,8 +295,8 @@ TEST_F(ViewCommand, WritesTheViewOfTheChosenStripe) {
     for (int iStripe : {1, 2}) {
         SCOPED_TRACE("stripe " + std::to_string(iStripe));
         fs::path file = m_tmp / ("view" + std::to_string(iStripe) + ".bxk");
-        ASSERT_EQ(Run("--diff-follows --stripe " + std::to_string(iStripe) + " -o " + Quoted(file) + " " +
-                          Quoted(second) + " " + Quoted(first),
+        ASSERT_EQ(Run({"--diff-follows", "--stripe", std::to_string(iStripe), "-o", file.string(), second.string(),
+                       first.string()},
                       &out),
                   0)
             << out;
@@ -329,12 +318,12 @@ TEST_F(ViewCommand, RefusesAStripeTheBackupLacksAndADifferentialOverADifferentia
     fs::path full = *TestDataFile("appveyor-lab/DoubleDiffing/difftest-full.bak");
     fs::path diff = *TestDataFile("appveyor-lab/DoubleDiffing/difftest-diff1.bak");
     std::string out;
-    EXPECT_EQ(Run("--stripe 2 -o " + Quoted(m_tmp / "a.bxk") + " " + Quoted(full), &out), 1);
+    EXPECT_EQ(Run({"--stripe", "2", "-o", (m_tmp / "a.bxk").string(), full.string()}, &out), 1);
     EXPECT_NE(out.find("has no stripe 2"), std::string::npos) << out;
-    EXPECT_EQ(Run("--diff-follows -o " + Quoted(m_tmp / "b.bxk") + " " + Quoted(diff), &out), 1);
+    EXPECT_EQ(Run({"--diff-follows", "-o", (m_tmp / "b.bxk").string(), diff.string()}, &out), 1);
     EXPECT_NE(out.find("This is not a Full Database backup."), std::string::npos) << out;
     // A differential alone is fine.
-    EXPECT_EQ(Run("-o " + Quoted(m_tmp / "c.bxk") + " " + Quoted(diff), &out), 0) << out;
+    EXPECT_EQ(Run({"-o", (m_tmp / "c.bxk").string(), diff.string()}, &out), 0) << out;
     EXPECT_TRUE(MtfWalker::WalkFile(m_tmp / "c.bxk").ok);
 }
 
