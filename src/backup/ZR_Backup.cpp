@@ -235,13 +235,14 @@ bool ZR_Backup::CheckVersion(int32_t* piVersion) {
 }
 
 bool ZR_Backup::FailContent(bool bBuilder) {
+    int iDataSet = m_pCMaps->GetDataSetNumber();
     if (bBuilder)
         g_MapPool.SetCreateFailure(m_pCMaps);
     else
         g_MapPool.Release(m_pCMaps);
-    // The pool's reference is gone; keep an empty map of our own so that
-    // the object stays usable (and its data set known).
-    int iDataSet = m_pCMaps->GetDataSetNumber();
+    // The pool's reference is gone (and with it perhaps the map): keep an
+    // empty map of our own so that the object stays usable and its data set
+    // known.
     m_pCMaps = new ZR_CMaps();
     m_pCMaps->SetDataSetNumber(iDataSet);
     m_bOwnsCMaps = true;

@@ -55,8 +55,8 @@ TEST(SqlDateTime, DaysAgreeWithTheCivilCalendarBothWays) {
         SCOPED_TRACE(testing::Message() << date.y << "-" << date.m << "-" << date.d);
         ZR_SqlDateTime dt{};
         ASSERT_TRUE(DateToSqlDateTime(Date(date.y, int(date.m), int(date.d)), &dt));
-        EXPECT_EQ(dt.m_iDays, ReferenceDays(date.y, date.m, date.d));
-        EXPECT_EQ(dt.m_iTicks, 0u);
+        EXPECT_EQ(+dt.m_iDays, ReferenceDays(date.y, date.m, date.d));
+        EXPECT_EQ(+dt.m_iTicks, 0u);
         ExpectDate(SqlDateTimeToDate(dt), Date(date.y, int(date.m), int(date.d)));
     }
 }
@@ -73,7 +73,7 @@ TEST(SqlDateTime, TicksGiveTimeWithRoundedMilliseconds) {
     // 13:19:34.790 is 14,392,437 ticks (790 ms is 237 ticks).
     ZR_SqlDateTime dt{};
     ASSERT_TRUE(DateToSqlDateTime(Date(2009, 5, 15, 13, 19, 34, 790), &dt));
-    EXPECT_EQ(dt.m_iTicks, 14392437u);
+    EXPECT_EQ(+dt.m_iTicks, 14392437u);
     ExpectDate(SqlDateTimeToDate(dt), Date(2009, 5, 15, 13, 19, 34, 790));
 
     // One tick is 3.33 ms and reads back as 3; two ticks as 7; 299 as 997.
@@ -82,29 +82,29 @@ TEST(SqlDateTime, TicksGiveTimeWithRoundedMilliseconds) {
     EXPECT_EQ(SqlDateTimeToDate({299, 0}).m_iMillisecond, 997);
     // Milliseconds round to the nearest tick: 5 ms is 1.5 ticks, goes to 2.
     ASSERT_TRUE(DateToSqlDateTime(Date(1900, 1, 1, 0, 0, 0, 5), &dt));
-    EXPECT_EQ(dt.m_iTicks, 2u);
+    EXPECT_EQ(+dt.m_iTicks, 2u);
     ASSERT_TRUE(DateToSqlDateTime(Date(1900, 1, 1, 0, 0, 0, 4), &dt));
-    EXPECT_EQ(dt.m_iTicks, 1u);
+    EXPECT_EQ(+dt.m_iTicks, 1u);
 }
 
 TEST(SqlDateTime, AWholeDayOfTicksRollsOverToTheNextDay) {
     ZR_SqlDateTime dt{};
     ASSERT_TRUE(DateToSqlDateTime(Date(2009, 12, 31, 23, 59, 59, 999), &dt));
-    EXPECT_EQ(dt.m_iDays, ReferenceDays(2010, 1, 1));
-    EXPECT_EQ(dt.m_iTicks, 0u);
+    EXPECT_EQ(+dt.m_iDays, ReferenceDays(2010, 1, 1));
+    EXPECT_EQ(+dt.m_iTicks, 0u);
     ASSERT_TRUE(DateToSqlDateTime(Date(2009, 5, 15, 24, 0, 0, 0), &dt));
-    EXPECT_EQ(dt.m_iDays, ReferenceDays(2009, 5, 16));
-    EXPECT_EQ(dt.m_iTicks, 0u);
+    EXPECT_EQ(+dt.m_iDays, ReferenceDays(2009, 5, 16));
+    EXPECT_EQ(+dt.m_iTicks, 0u);
     // Beyond a day nothing is normalised: the ticks simply add up.
     ASSERT_TRUE(DateToSqlDateTime(Date(2009, 5, 15, 25, 0, 0, 0), &dt));
-    EXPECT_EQ(dt.m_iDays, ReferenceDays(2009, 5, 15));
-    EXPECT_EQ(dt.m_iTicks, 25u * 3600 * 300);
+    EXPECT_EQ(+dt.m_iDays, ReferenceDays(2009, 5, 15));
+    EXPECT_EQ(+dt.m_iTicks, 25u * 3600 * 300);
 }
 
 TEST(SqlDateTime, DaysPastTheMonthAddUpAndBadMonthsAreRefused) {
     ZR_SqlDateTime dt{};
     ASSERT_TRUE(DateToSqlDateTime(Date(2009, 2, 30), &dt));
-    EXPECT_EQ(dt.m_iDays, ReferenceDays(2009, 3, 2));
+    EXPECT_EQ(+dt.m_iDays, ReferenceDays(2009, 3, 2));
     EXPECT_FALSE(DateToSqlDateTime(Date(2009, 0, 1), &dt));
     EXPECT_FALSE(DateToSqlDateTime(Date(2009, 13, 1), &dt));
 }

@@ -15,8 +15,8 @@ ZR_SqlDateTime DateTime(int y, int mo, int d, int h, int mi, int s, int ms) {
 }
 
 void ExpectSameDateTime(const ZR_SqlDateTime& got, const ZR_SqlDateTime& want) {
-    EXPECT_EQ(got.m_iDays, want.m_iDays);
-    EXPECT_EQ(got.m_iTicks, want.m_iTicks);
+    EXPECT_EQ(int32_t{got.m_iDays}, int32_t{want.m_iDays});
+    EXPECT_EQ(uint32_t{got.m_iTicks}, uint32_t{want.m_iTicks});
 }
 
 std::wstring Mark(const ZR_StopInfo& stop) {
@@ -53,13 +53,13 @@ TEST(StopClause, KeywordsIgnoreCaseAndBlanksMayStandAroundTheEquals) {
 TEST(StopClause, LsnKinds) {
     ZR_StopInfo stop = Parse(L"STOPATMARK='lsn:12:34:5'", true);
     EXPECT_EQ(stop.m_eStopType, ZR_STOP_AT_LSN);
-    EXPECT_EQ(stop.m_lsn.SeqNo, 12u);
-    EXPECT_EQ(stop.m_lsn.blockOffset, 34u);
-    EXPECT_EQ(stop.m_lsn.slotId, 5u);
+    EXPECT_EQ(+stop.m_lsn.SeqNo, 12u);
+    EXPECT_EQ(+stop.m_lsn.blockOffset, 34u);
+    EXPECT_EQ(+stop.m_lsn.slotId, 5u);
 
     stop = Parse(L"STOPBEFOREMARK='LSN:12:34:5' AFTER '2009-05-15 13:19:34'", true);
     EXPECT_EQ(stop.m_eStopType, ZR_STOP_BEFORE_LSN_AFTER);
-    EXPECT_EQ(stop.m_lsn.SeqNo, 12u);
+    EXPECT_EQ(+stop.m_lsn.SeqNo, 12u);
     ExpectSameDateTime(stop.m_dtAfter, DateTime(2009, 5, 15, 13, 19, 34, 0));
     ExpectSameDateTime(stop.m_dtStopAt, ZR_SqlDateTime{0, 0});
 
@@ -70,7 +70,7 @@ TEST(StopClause, LsnKinds) {
     // The slot id keeps its low 16 bits.
     stop = Parse(L"STOPBEFOREMARK='lsn:1:2:65537'", true);
     EXPECT_EQ(stop.m_eStopType, ZR_STOP_BEFORE_LSN);
-    EXPECT_EQ(stop.m_lsn.slotId, 1u);
+    EXPECT_EQ(+stop.m_lsn.slotId, 1u);
 }
 
 TEST(StopClause, MarkKindsAndDoubledQuotes) {
@@ -96,9 +96,9 @@ TEST(StopClause, TheClassOfAQuotedTextDecidesWhatAClauseTakes) {
     EXPECT_EQ(Parse(L"STOPATMARK='release 2009-05-15 13:19:34'", false).m_eStopType, ZR_STOP_UNDEFINED);
     ZR_StopInfo stop = Parse(L"STOPATMARK='xLSN:1:2:3y'", true);
     EXPECT_EQ(stop.m_eStopType, ZR_STOP_AT_LSN);
-    EXPECT_EQ(stop.m_lsn.SeqNo, 1u);
-    EXPECT_EQ(stop.m_lsn.blockOffset, 2u);
-    EXPECT_EQ(stop.m_lsn.slotId, 3u);
+    EXPECT_EQ(+stop.m_lsn.SeqNo, 1u);
+    EXPECT_EQ(+stop.m_lsn.blockOffset, 2u);
+    EXPECT_EQ(+stop.m_lsn.slotId, 3u);
     // A dash form of the time is a mark, and STOPAT takes only a date.
     Parse(L"STOPAT='2009-05-15 13-19-34'", false);
     // A date found behind other characters reads no date from its start.
@@ -145,7 +145,7 @@ TEST(StopClause, AFailureKeepsTheOtherMembers) {
     EXPECT_FALSE(info.SetStop(L"STOPATMARK=''"));
     const ZR_StopInfo stop = info.GetStop();
     EXPECT_EQ(stop.m_eStopType, ZR_STOP_UNDEFINED);
-    EXPECT_EQ(stop.m_lsn.SeqNo, 7u);
+    EXPECT_EQ(+stop.m_lsn.SeqNo, 7u);
     EXPECT_EQ(Mark(stop), L"first");
 }
 
