@@ -76,36 +76,36 @@ int ReadNumber(const Ch*& p) {
 }
 
 template <typename Ch>
-void ParseFlags(const Ch*& p, ConvSpec& spec) {
+void ParseFlags(const Ch*& p, ConvSpec& directive) {
     size_t n = 0;
     while (*p == '-' || *p == '+' || *p == ' ' || *p == '#' || *p == '0') {
         if (*p == '-')
-            spec.bLeft = true;
-        else if (n + 1 < sizeof(spec.szFlags) && !std::strchr(spec.szFlags, static_cast<char>(*p)))
-            spec.szFlags[n++] = static_cast<char>(*p);
+            directive.bLeft = true;
+        else if (n + 1 < sizeof(directive.szFlags) && !std::strchr(directive.szFlags, static_cast<char>(*p)))
+            directive.szFlags[n++] = static_cast<char>(*p);
         ++p;
     }
 }
 
 template <typename Ch>
-void ParseWidthAndPrecision(const Ch*& p, ConvSpec& spec, Args& args) {
+void ParseWidthAndPrecision(const Ch*& p, ConvSpec& directive, Args& args) {
     if (*p == '*') {
         int i = va_arg(args.list, int);
-        spec.bLeft = spec.bLeft || i < 0;
-        spec.iWidth = std::min(i < 0 ? (i == INT32_MIN ? kMaxField : -i) : i, kMaxField);
+        directive.bLeft = directive.bLeft || i < 0;
+        directive.iWidth = std::min(i < 0 ? (i == INT32_MIN ? kMaxField : -i) : i, kMaxField);
         ++p;
     } else if (*p >= '1' && *p <= '9') {
-        spec.iWidth = ReadNumber(p);
+        directive.iWidth = ReadNumber(p);
     }
     if (*p != '.')
         return;
     ++p;
     if (*p == '*') {
         int i = va_arg(args.list, int);
-        spec.iPrecision = i < 0 ? -1 : std::min(i, kMaxField);
+        directive.iPrecision = i < 0 ? -1 : std::min(i, kMaxField);
         ++p;
     } else {
-        spec.iPrecision = ReadNumber(p);
+        directive.iPrecision = ReadNumber(p);
     }
 }
 
@@ -118,7 +118,7 @@ bool Starts(const Ch* p, const char* sz) {
 }
 
 template <typename Ch>
-void ParseSize(const Ch*& p, ConvSpec& spec) {
+void ParseSize(const Ch*& p, ConvSpec& directive) {
     struct Modifier {
         const char* sz;
         ArgSize size;
@@ -131,8 +131,8 @@ void ParseSize(const Ch*& p, ConvSpec& spec) {
     };
     for (const Modifier& m : kModifiers) {
         if (Starts(p, m.sz)) {
-            spec.size = m.size;
-            spec.bShortPrefix = m.size == ArgSize::Short;
+            directive.size = m.size;
+            directive.bShortPrefix = m.size == ArgSize::Short;
             p += std::strlen(m.sz);
             return;
         }
@@ -143,12 +143,12 @@ void ParseSize(const Ch*& p, ConvSpec& spec) {
 // lower-case letter names the format's own width, the upper-case one the
 // other; 'h' forces narrow and 'l' / 'w' force wide.
 template <typename Ch>
-bool TakesWideArgument(const ConvSpec& spec, bool bWideModifier) {
-    if (spec.bShortPrefix)
+bool TakesWideArgument(const ConvSpec& directive, bool bWideModifier) {
+    if (directive.bShortPrefix)
         return false;
     if (bWideModifier)
         return true;
-    bool bUpper = spec.conv == 'S' || spec.conv == 'C';
+    bool bUpper = directive.conv == 'S' || directive.conv == 'C';
     return (sizeof(Ch) == 1) == bUpper;
 }
 
@@ -213,53 +213,53 @@ std::wstring ConvertString(const char* sz, int iPrecision, wchar_t) {
 }
 
 template <typename Out, typename Text>
-void PutPadded(Sink<Out>& sink, const ConvSpec& spec, const Text& text) {
-    size_t cPad = spec.iWidth > 0 && static_cast<size_t>(spec.iWidth) > text.size()
-                      ? static_cast<size_t>(spec.iWidth) - text.size() : 0;
-    if (!spec.bLeft)
+void PutPadded(Sink<Out>& sink, const ConvSpec& directive, const Text& text) {
+    size_t cPad = directive.iWidth > 0 && static_cast<size_t>(directive.iWidth) > text.size()
+                      ? static_cast<size_t>(directive.iWidth) - text.size() : 0;
+    if (!directive.bLeft)
         sink.Repeat(' ', cPad);
     sink.Append(text.data(), text.size());
-    if (spec.bLeft)
+    if (directive.bLeft)
         sink.Repeat(' ', cPad);
 }
 
 template <typename Ch, typename Out>
-void PutString(Sink<Out>& sink, const ConvSpec& spec, bool bWide, Args& args) {
+void PutString(Sink<Out>& sink, const ConvSpec& directive, bool bWide, Args& args) {
     const void* p = va_arg(args.list, const void*);
     if (!p)
         p = bWide ? static_cast<const void*>(L"(null)") : static_cast<const void*>("(null)");
     if (bWide)
-        PutPadded(sink, spec, ConvertString(static_cast<const wchar_t*>(p), spec.iPrecision, Out()));
+        PutPadded(sink, directive, ConvertString(static_cast<const wchar_t*>(p), directive.iPrecision, Out()));
     else
-        PutPadded(sink, spec, ConvertString(static_cast<const char*>(p), spec.iPrecision, Out()));
+        PutPadded(sink, directive, ConvertString(static_cast<const char*>(p), directive.iPrecision, Out()));
 }
 
 template <typename Ch, typename Out>
-void PutChar(Sink<Out>& sink, const ConvSpec& spec, bool bWide, Args& args) {
+void PutChar(Sink<Out>& sink, const ConvSpec& directive, bool bWide, Args& args) {
     if (bWide) {
         wchar_t wsz[2] = {static_cast<wchar_t>(va_arg(args.list, wint_t)), 0};
         auto text = ConvertString(wsz, -1, Out());
-        PutPadded(sink, spec, wsz[0] ? text : decltype(text)(1, Out(0)));
+        PutPadded(sink, directive, wsz[0] ? text : decltype(text)(1, Out(0)));
     } else {
         char c = static_cast<char>(va_arg(args.list, int));
         Out o = static_cast<Out>(static_cast<unsigned char>(c));
-        PutPadded(sink, spec, std::basic_string<Out>(1, o));
+        PutPadded(sink, directive, std::basic_string<Out>(1, o));
     }
 }
 
 // A single conversion for the C library: flags, width, precision and the
 // size modifier that matches the argument as it is read here.
-std::string CSpec(const ConvSpec& spec, const char* szLength) {
+std::string CSpec(const ConvSpec& directive, const char* szLength) {
     std::string s = "%";
-    if (spec.bLeft)
+    if (directive.bLeft)
         s += '-';
-    s += spec.szFlags;
-    if (spec.iWidth >= 0)
-        s += std::to_string(spec.iWidth);
-    if (spec.iPrecision >= 0)
-        s += '.' + std::to_string(spec.iPrecision);
+    s += directive.szFlags;
+    if (directive.iWidth >= 0)
+        s += std::to_string(directive.iWidth);
+    if (directive.iPrecision >= 0)
+        s += '.' + std::to_string(directive.iPrecision);
     s += szLength;
-    s += spec.conv;
+    s += directive.conv;
     return s;
 }
 
@@ -279,54 +279,54 @@ void PutNumber(Sink<Out>& sink, const std::string& cspec, T value) {
 }
 
 template <typename Out>
-void PutInteger(Sink<Out>& sink, const ConvSpec& spec, Args& args) {
-    bool bSigned = spec.conv == 'd' || spec.conv == 'i';
-    switch (spec.size) {
+void PutInteger(Sink<Out>& sink, const ConvSpec& directive, Args& args) {
+    bool bSigned = directive.conv == 'd' || directive.conv == 'i';
+    switch (directive.size) {
     case ArgSize::Int64:
     case ArgSize::Pointer:
         if (bSigned)
-            PutNumber(sink, CSpec(spec, "ll"), va_arg(args.list, long long));
+            PutNumber(sink, CSpec(directive, "ll"), va_arg(args.list, long long));
         else
-            PutNumber(sink, CSpec(spec, "ll"), va_arg(args.list, unsigned long long));
+            PutNumber(sink, CSpec(directive, "ll"), va_arg(args.list, unsigned long long));
         return;
     default: {
-        const char* szLength = spec.size == ArgSize::Char ? "hh" : spec.size == ArgSize::Short ? "h" : "";
+        const char* szLength = directive.size == ArgSize::Char ? "hh" : directive.size == ArgSize::Short ? "h" : "";
         if (bSigned)
-            PutNumber(sink, CSpec(spec, szLength), va_arg(args.list, int));
+            PutNumber(sink, CSpec(directive, szLength), va_arg(args.list, int));
         else
-            PutNumber(sink, CSpec(spec, szLength), va_arg(args.list, unsigned));
+            PutNumber(sink, CSpec(directive, szLength), va_arg(args.list, unsigned));
         return;
     }
     }
 }
 
 template <typename Out>
-void PutFloating(Sink<Out>& sink, const ConvSpec& spec, Args& args) {
-    if (spec.size == ArgSize::LongDouble)
-        PutNumber(sink, CSpec(spec, "L"), va_arg(args.list, long double));
+void PutFloating(Sink<Out>& sink, const ConvSpec& directive, Args& args) {
+    if (directive.size == ArgSize::LongDouble)
+        PutNumber(sink, CSpec(directive, "L"), va_arg(args.list, long double));
     else
-        PutNumber(sink, CSpec(spec, ""), va_arg(args.list, double));
+        PutNumber(sink, CSpec(directive, ""), va_arg(args.list, double));
 }
 
-// Formats one conversion whose letter is spec.conv; false when the letter
+// Formats one conversion whose letter is directive.conv; false when the letter
 // is not a conversion, so the caller copies the text as it stands.
 template <typename Ch, typename Out>
-bool PutConversion(Sink<Out>& sink, const ConvSpec& spec, bool bWideModifier, Args& args) {
-    switch (spec.conv) {
+bool PutConversion(Sink<Out>& sink, const ConvSpec& directive, bool bWideModifier, Args& args) {
+    switch (directive.conv) {
     case 'd': case 'i': case 'u': case 'o': case 'x': case 'X':
-        PutInteger(sink, spec, args);
+        PutInteger(sink, directive, args);
         return true;
     case 'e': case 'E': case 'f': case 'F': case 'g': case 'G': case 'a': case 'A':
-        PutFloating(sink, spec, args);
+        PutFloating(sink, directive, args);
         return true;
     case 's': case 'S':
-        PutString<Ch>(sink, spec, TakesWideArgument<Ch>(spec, bWideModifier), args);
+        PutString<Ch>(sink, directive, TakesWideArgument<Ch>(directive, bWideModifier), args);
         return true;
     case 'c': case 'C':
-        PutChar<Ch>(sink, spec, TakesWideArgument<Ch>(spec, bWideModifier), args);
+        PutChar<Ch>(sink, directive, TakesWideArgument<Ch>(directive, bWideModifier), args);
         return true;
     case 'p':
-        PutNumber(sink, CSpec(spec, ""), va_arg(args.list, void*));
+        PutNumber(sink, CSpec(directive, ""), va_arg(args.list, void*));
         return true;
     case 'n':
         (void)va_arg(args.list, void*);  // never written: a format must not store through an argument
@@ -350,13 +350,13 @@ int FormatInto(Out* pBuffer, size_t count, const Ch* szFormat, va_list list) {
             continue;
         }
         const Ch* pStart = p++;
-        ConvSpec spec;
-        ParseFlags(p, spec);
-        ParseWidthAndPrecision(p, spec, args);
+        ConvSpec directive;
+        ParseFlags(p, directive);
+        ParseWidthAndPrecision(p, directive, args);
         bool bWideModifier = *p == 'l' || *p == 'w';
-        ParseSize(p, spec);
-        spec.conv = *p ? static_cast<char>(*p) : 0;
-        if (*p && static_cast<uint32_t>(*p) < 0x80 && PutConversion<Ch>(sink, spec, bWideModifier, args)) {
+        ParseSize(p, directive);
+        directive.conv = *p ? static_cast<char>(*p) : 0;
+        if (*p && static_cast<uint32_t>(*p) < 0x80 && PutConversion<Ch>(sink, directive, bWideModifier, args)) {
             ++p;
             continue;
         }
