@@ -1,4 +1,5 @@
 #include "backup/MTF_Records.h"
+#include "foundation/Unaligned.h"
 
 #include <algorithm>
 #include <cstring>
@@ -28,12 +29,6 @@ bool Contains(const uint32_t (&aIds)[N], uint32_t iId) {
     return std::find(std::begin(aIds), std::end(aIds), iId) != std::end(aIds);
 }
 
-uint32_t LoadU32(const void* p) {
-    uint32_t i;
-    std::memcpy(&i, p, sizeof(i));
-    return i;
-}
-
 constexpr size_t kBlockChecksumWords = offsetof(MTF_DB_HDR, m_header_checksum) / 2;
 constexpr size_t kStreamChecksumWords = offsetof(MTF_STREAM_HDR, m_header_checksum) / 2;
 static_assert(kBlockChecksumWords == 25 && kStreamChecksumWords == 10);
@@ -54,8 +49,8 @@ constexpr int kDateBits[] = {14, 4, 5, 5, 6, 6};
 bool MTF_IsBlockId(uint32_t iId) { return Contains(kBlockIds, iId); }
 bool MTF_IsStreamId(uint32_t iId) { return Contains(kStreamIds, iId); }
 
-uint32_t MTF_BlockId(const MTF_DB_HDR& hdr) { return LoadU32(hdr.m_dblk_type); }
-uint32_t MTF_StreamId(const MTF_STREAM_HDR& hdr) { return LoadU32(hdr.m_id); }
+uint32_t MTF_BlockId(const MTF_DB_HDR& hdr) { return ZR_Load<uint32_t>(hdr.m_dblk_type); }
+uint32_t MTF_StreamId(const MTF_STREAM_HDR& hdr) { return ZR_Load<uint32_t>(hdr.m_id); }
 
 uint16_t MTF_XorWords(const void* p, size_t iWords) {
     const uint8_t* pb = static_cast<const uint8_t*>(p);

@@ -1,4 +1,5 @@
 #include "backup/SQL_Records.h"
+#include "foundation/Unaligned.h"
 
 #include <cstring>
 
@@ -7,12 +8,6 @@
 namespace {
 
 constexpr bool IsLongLayout(int iVersion) { return iVersion >= 9; }
-
-uint32_t LoadU32(const uint8_t* p) {
-    uint32_t i;
-    std::memcpy(&i, p, sizeof(i));
-    return i;
-}
 
 // Copies a record's fixed part out of the stream: the stream data has no
 // alignment, and the caller has checked that iSize bytes are there.
@@ -93,8 +88,8 @@ bool SQL_ConfigRecords::Parse(const void* p, size_t iBytes, const wchar_t* wszKe
             return false;
         }
         const uint8_t* pRec = pb + iPos;
-        uint32_t iType = LoadU32(pRec);
-        uint32_t iSize = LoadU32(pRec + offsetof(SQL_HEADER, m_size));
+        uint32_t iType = ZR_Load<uint32_t>(pRec);
+        uint32_t iSize = ZR_Load<uint32_t>(pRec + offsetof(SQL_HEADER, m_size));
         if (iSize == 0 && !bFirst) break;
         if (iSize < sizeof(SQL_HEADER) || iSize > iLeft) {
             ZR_Error(wszKey, __FILE__, "SQL_ConfigRecords::Parse", __LINE__,
@@ -122,7 +117,7 @@ bool SQL_ConfigRecords::Parse(const void* p, size_t iBytes, const wchar_t* wszKe
 }
 
 bool SQL_ConfigRecords::ParseConfig(const uint8_t* p, uint32_t iSize, const wchar_t* wszKey) {
-    if (LoadU32(p) != SQL_ID_SCIN) {
+    if (ZR_Load<uint32_t>(p) != SQL_ID_SCIN) {
         ZR_Error(wszKey, __FILE__, "SQL_ConfigRecords::Parse", __LINE__,
                  "Configuration stream does not start with an SCIN record.\n");
         return false;

@@ -1,4 +1,5 @@
 #include "backup/ZR_Scan.h"
+#include "foundation/Unaligned.h"
 
 #include <cstring>
 #include <memory>
@@ -15,18 +16,6 @@ namespace {
 
 constexpr uint32_t KELP_ID = MTF_MakeId("KELP");
 constexpr uint32_t SSET_DATA_SET_OFFSET = 62;  // m_data_set_number of an SSET
-
-uint32_t Load32(const uint8_t* p) {
-    uint32_t i;
-    memcpy(&i, p, sizeof i);
-    return i;
-}
-
-uint16_t Load16(const uint8_t* p) {
-    uint16_t i;
-    memcpy(&i, p, sizeof i);
-    return i;
-}
 
 void TraceHeader(const char* szKind, const void* pId, int64_t iOffset, uint32_t iLength) {
     TraceLine("%s %.4s at %I64d, %d bytes\n", szKind, static_cast<const char*>(pId), iOffset,
@@ -89,7 +78,7 @@ bool ZR_Scan::ScanFile() {
                  FileName());
         return false;
     }
-    uint32_t iId = Load32(aHead);
+    uint32_t iId = ZR_Load<uint32_t>(aHead);
     if (iId == MTF_ID_TAPE) return ScanNative(aHead);
     if (iId == KELP_ID) return ScanKelp();
     ZR_Warning(m_wszKey, __FILE__, "ZR_Scan::ScanFiles", __LINE__, "The %S file is not a supported backup.\n",
@@ -162,7 +151,7 @@ void ZR_Scan::ScanNativeFile() {
             m_eResult = ZR_SCAN_DONE;
             break;
         }
-        uint32_t iId = Load32(aId);
+        uint32_t iId = ZR_Load<uint32_t>(aId);
         if (MTF_IsBlockId(iId)) {
             ReadBlock();
         } else if (!MTF_IsStreamId(iId)) {
@@ -194,7 +183,7 @@ void ZR_Scan::ReadBlock() {
 void ZR_Scan::DispatchBlock(uint32_t iLength) {
     const MTF_DB_HDR* pBlock = Block();
     uint32_t iId = MTF_BlockId(*pBlock);
-    if (iId == MTF_ID_SSET) m_iCurrentDataSet = Load16(m_pDBLK + SSET_DATA_SET_OFFSET);
+    if (iId == MTF_ID_SSET) m_iCurrentDataSet = ZR_Load<uint16_t>(m_pDBLK + SSET_DATA_SET_OFFSET);
     bool bAlways = iId == MTF_ID_TAPE || iId == MTF_ID_SFMB;
     bool bWanted = IsWantedDataSet();
     if (bAlways || bWanted) Process_DBLK(pBlock, iLength);

@@ -1,4 +1,5 @@
 #include "backup/ZR_ScanVirtualizeBackup.h"
+#include "foundation/Unaligned.h"
 
 #include <algorithm>
 #include <cstring>
@@ -28,18 +29,6 @@ constexpr uint32_t kStreamHeader = sizeof(MTF_STREAM_HDR);
 constexpr uint64_t kMaxConfigBytes = 16u << 20;
 // The filemark value lies at 60 or 72; the block is read that far.
 constexpr uint32_t kFilemarkHeadBytes = sizeof(MTF_SFMB_V10);
-
-uint32_t LoadU32(const uint8_t* p) {
-    uint32_t v;
-    std::memcpy(&v, p, sizeof v);
-    return v;
-}
-
-uint64_t LoadU64(const uint8_t* p) {
-    uint64_t v;
-    std::memcpy(&v, p, sizeof v);
-    return v;
-}
 
 bool IsZeroLsn(const uint8_t* p) {
     return std::all_of(p, p + kLsnBytes, [](uint8_t b) { return b == 0; });
@@ -148,12 +137,12 @@ void ZR_ScanVirtualizeBackup::Virtualize_MQCI(const uint8_t* pData, ZR_VirtualBa
         return;
     // The kept bytes come from the first configuration block only.
     if (pVirtual->m_iKeptBytes == 0)
-        pVirtual->m_iKeptBytes = static_cast<int32_t>(LoadU32(pData + kScinFileCount) << 16);
+        pVirtual->m_iKeptBytes = static_cast<int32_t>(ZR_Load<uint32_t>(pData + kScinFileCount) << 16);
     uint32_t p = 0;
     while (p + sizeof(SQL_HEADER) <= iLength) {
         // Only the low 16 bits of the size count, as a signed number; a
         // size that does not move forward ends the walk.
-        int16_t iSize = static_cast<int16_t>(LoadU32(pData + p + 4) & 0xFFFF);
+        int16_t iSize = static_cast<int16_t>(ZR_Load<uint32_t>(pData + p + 4) & 0xFFFF);
         if (iSize <= 0)
             break;
         uint32_t iAvail = std::min<uint32_t>(static_cast<uint32_t>(iSize), iLength - p);
@@ -167,15 +156,15 @@ void ZR_ScanVirtualizeBackup::Virtualize_MQCI(const uint8_t* pData, ZR_VirtualBa
 // alone.
 void ZR_ScanVirtualizeBackup::VirtualizeConfigRecord(const uint8_t* pRecord, uint32_t iSize,
                                                      ZR_VirtualBackupFile* pVirtual, int64_t iRecordOfs) {
-    const uint32_t iType = LoadU32(pRecord);
+    const uint32_t iType = ZR_Load<uint32_t>(pRecord);
     if (iType == SQL_ID_SCIN) {
         if (iSize >= kScinServerVersion + 4)
-            m_pB->m_iVersion = SQL_MajorVersion(LoadU32(pRecord + kScinServerVersion));
+            m_pB->m_iVersion = SQL_MajorVersion(ZR_Load<uint32_t>(pRecord + kScinServerVersion));
         if (pVirtual->m_bDropLog && iSize >= kScinLastLsn + kLsnBytes)
             AddChange(pVirtual, iRecordOfs + kScinLastLsn, pRecord + kScinFirstLsn, kLsnBytes, false);
         return;
     }
-    if (iType != SQL_ID_SFIN || iSize < kSfinFileSize + 8 || LoadU32(pRecord + kSfinFileType) != 1)
+    if (iType != SQL_ID_SFIN || iSize < kSfinFileSize + 8 || ZR_Load<uint32_t>(pRecord + kSfinFileType) != 1)
         return;
     const uint32_t iKept = static_cast<uint32_t>(pVirtual->m_iKeptBytes);
     const uint32_t iPages = iKept >> 13;
@@ -332,7 +321,7 @@ void ZR_ScanVirtualizeBackup::Virtualize_SFMB(const MTF_DB_HDR* pBlock, ZR_Virtu
     uint32_t k = MTF_SfmbFindArrayOffset(pBlock, kFilemarkHeadBytes);
     if (k == 0)
         k = MTF_SfmbArrayOffset(m_pB->m_iVersion);
-    const int64_t F = static_cast<int64_t>(LoadU64(reinterpret_cast<const uint8_t*>(pBlock) + k));
+    const int64_t F = static_cast<int64_t>(ZR_Load<uint64_t>(reinterpret_cast<const uint8_t*>(pBlock) + k));
     if (F <= pVirtual->m_iHoleStart || pVirtual->m_iHoleStart < 1)
         return;
     // The log cut lies in front of F only when F is at or behind the MSLS.

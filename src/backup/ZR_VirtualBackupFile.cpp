@@ -1,4 +1,5 @@
 #include "backup/ZR_VirtualBackupFile.h"
+#include "foundation/Unaligned.h"
 
 #include <algorithm>
 #include <cstring>
@@ -22,12 +23,6 @@ CRITICAL_SECTION* HandleLock() {
 
 // Takes the lock at load, before any thread can ask for an id.
 [[maybe_unused]] const CRITICAL_SECTION* g_pcsVirtualHandles = HandleLock();
-
-uint64_t LoadU64(const uint8_t* p) {
-    uint64_t v;
-    std::memcpy(&v, p, sizeof v);
-    return v;
-}
 
 }  // namespace
 
@@ -127,12 +122,12 @@ void ZR_VirtualBackupFile::ApplyChange(const ZR_VirtualChange& change, uint8_t* 
         uint32_t iAt = static_cast<uint32_t>(change.m_iOffset - iReal);
         uint32_t iRemain = iLength - iAt;
         if (change.m_bAdditive) {
-            uint64_t iSubtract = LoadU64(change.m_aValue);
+            uint64_t iSubtract = ZR_Load<uint64_t>(change.m_aValue);
             if (g_iTraceMode)
                 TraceLine("Additive virtualization - subtract out %I64d\n", static_cast<long long>(iSubtract));
             if (iRemain < 8)
                 throw "less than 8 bytes remaining in the buffer for an additive virtualization\n";
-            uint64_t v = LoadU64(pBuffer + iAt) - iSubtract;
+            uint64_t v = ZR_Load<uint64_t>(pBuffer + iAt) - iSubtract;
             std::memcpy(pBuffer + iAt, &v, sizeof v);
             return;
         }
