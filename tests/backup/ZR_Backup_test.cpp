@@ -239,3 +239,58 @@ TEST_F(BackupContent, AMissingFileFailsTheProbe) {
 }
 
 }  // namespace
+
+namespace {
+
+// Sets the backup type letter of every configuration record in a file.
+void SetBackupTypeEverywhere(const fs::path& file, char type) {
+    std::fstream f(file, std::ios::in | std::ios::out | std::ios::binary);
+    std::string bytes((std::istreambuf_iterator<char>(f)), {});
+    int n = 0;
+    for (size_t at = bytes.find("SCIN"); at != std::string::npos; at = bytes.find("SCIN", at + 4), ++n) {
+        f.seekp(static_cast<std::streamoff>(at + 87));
+        f.put(type);
+    }
+    ASSERT_GE(n, 1) << file;
+}
+
+TEST_F(BackupContent, TypesOtherThanFullDifferentialAndLogAreRefused) {
+    fs::path copy = m_tmp / "typed.bak";
+    fs::copy_file(*zrtest::TestDataFile("appveyor-lab/DoubleDiffing/difftest-diff1.bak"), copy);
+    auto make = [&] {
+        auto b = std::make_unique<ZR_Backup>(L"k");
+        b->SetDataSetNumber(1);
+        b->AddFile(copy.wstring().c_str(), nullptr, false);
+        return b;
+    };
+    // A map read from a file holds a file-level backup: the type test says so.
+    {
+        auto b = make();
+        int32_t v = 0;
+        ASSERT_TRUE(b->PrepareContent(&v));
+    }
+    fs::path map = fs::directory_iterator(m_tmp.path() / "maps")->path();
+    SetBackupTypeEverywhere(map, 'F');
+    {
+        auto b = make();
+        int32_t v = 0;
+        EXPECT_FALSE(b->PrepareContent(&v));
+        EXPECT_NE(Errors(L"k").find("Backups of type \"File level\" are not supported. Specify either a Full, "
+                                    "Differential, or Log backup."),
+                  std::string::npos)
+            << Errors(L"k");
+    }
+    // Without a map, the full scan refuses the backup itself.
+    fs::remove(map);
+    SetBackupTypeEverywhere(copy, 'T');
+    ZR_ClearErrors(L"k");
+    ZR_ClearErrors(nullptr);
+    auto b = make();
+    int32_t v = 0;
+    EXPECT_FALSE(b->PrepareContent(&v));
+    std::string errors = Errors(L"k") + Errors(nullptr);
+    EXPECT_NE(errors.find("Failed to build maps for dataset 1 of file"), std::string::npos) << errors;
+    EXPECT_EQ(MapFiles(), 0) << "no map of a refused backup";
+}
+
+}  // namespace
