@@ -16,7 +16,7 @@
 
 HANDLE g_hErrorMutex = CreateMutexW(nullptr, FALSE, nullptr);
 volatile bool g_bErrorsBroken = false;
-volatile uint32_t g_iLastIOError = 0;
+std::atomic<uint32_t> g_iLastIOError{0};
 
 namespace {
 

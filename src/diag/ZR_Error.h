@@ -10,6 +10,7 @@
 // takes another lock of the library.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 void ZR_Error(const wchar_t* wszKey, const char* szFile, const char* szFunction, int iLine, const char* szFormat,
@@ -23,5 +24,6 @@ wchar_t* ZR_ReadErrors(const wchar_t* wszKey);
 // Removes the records of the key, and every record that has no key.
 void ZR_ClearErrors(const wchar_t* wszKey);
 
-// The last failed read's system error code, one value for the process.
-extern volatile uint32_t g_iLastIOError;
+// The last failed read's system error code, one value for the process:
+// reads on several threads may store it at once, the last one wins.
+extern std::atomic<uint32_t> g_iLastIOError;

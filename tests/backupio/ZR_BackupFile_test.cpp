@@ -385,7 +385,7 @@ TEST_F(BackupFileTest, ShortReadIsAnErrorAndTheFileStaysUsable) {
     AlignedBuffer buffer(65536);
     uint32_t iRead = 0;
     EXPECT_FALSE(m_file->ReadA(buffer.p, 65536, 65536, IO_READ, &iRead));
-    EXPECT_EQ(g_iLastIOError, ERROR_HANDLE_EOF);
+    EXPECT_EQ(g_iLastIOError.load(), ERROR_HANDLE_EOF);
     EXPECT_TRUE(ErrorsContain(L"Error occurred on read of file " + m_path.wstring() +
                               L" at offset 65536 for length 65536"))
         << Errors();
@@ -428,7 +428,7 @@ TEST_F(BackupFileTest, InjectedReadErrorsFailCleanlyAtEveryStep) {
                 EXPECT_LT(g_plan.iCalls, iFailAt);
                 break;
             }
-            EXPECT_EQ(g_iLastIOError, ERROR_IO_DEVICE);
+            EXPECT_EQ(g_iLastIOError.load(), ERROR_IO_DEVICE);
             EXPECT_TRUE(ErrorsContain(L"Error occurred on read of file " + m_path.wstring() + L" at offset " +
                                       std::to_wstring(iOfs)))
                 << Errors();
