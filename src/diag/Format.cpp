@@ -5,6 +5,8 @@
 // whole text on the first character it cannot convert.
 #include "diag/Format.h"
 
+#include "platform/win32.h"
+
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -152,25 +154,6 @@ bool TakesWideArgument(const ConvSpec& directive, bool bWideModifier) {
     return (sizeof(Ch) == 1) == bUpper;
 }
 
-void AppendUtf8(std::string& out, uint32_t c) {
-    if (c < 0x80) {
-        out += static_cast<char>(c);
-    } else if (c < 0x800) {
-        out += static_cast<char>(0xC0 | (c >> 6));
-        out += static_cast<char>(0x80 | (c & 0x3F));
-    } else if (c < 0x10000) {
-        out += static_cast<char>(0xE0 | (c >> 12));
-        out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (c & 0x3F));
-    } else {
-        c = std::min<uint32_t>(c, 0x10FFFF);
-        out += static_cast<char>(0xF0 | (c >> 18));
-        out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-        out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (c & 0x3F));
-    }
-}
-
 // One character of UTF-8; a byte that does not start a valid sequence
 // stands for itself, so that any narrow text converts.
 uint32_t DecodeUtf8(const unsigned char*& p) {
@@ -191,9 +174,14 @@ uint32_t DecodeUtf8(const unsigned char*& p) {
 // The text of a string argument in the output's width; the precision counts
 // characters of the argument.
 std::string ConvertString(const wchar_t* wsz, int iPrecision, char) {
-    std::string out;
-    for (int i = 0; wsz[i] && (iPrecision < 0 || i < iPrecision); ++i)
-        AppendUtf8(out, static_cast<uint32_t>(wsz[i]));
+    size_t n = std::wcslen(wsz);
+    if (iPrecision >= 0)
+        n = std::min(n, static_cast<size_t>(iPrecision));
+    if (n == 0)
+        return {};
+    int cb = WideCharToMultiByte(CP_UTF8, 0, wsz, static_cast<int>(n), nullptr, 0, nullptr, nullptr);
+    std::string out(static_cast<size_t>(std::max(cb, 0)), '\0');
+    WideCharToMultiByte(CP_UTF8, 0, wsz, static_cast<int>(n), out.data(), cb, nullptr, nullptr);
     return out;
 }
 std::string ConvertString(const char* sz, int iPrecision, char) {

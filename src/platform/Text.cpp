@@ -41,40 +41,6 @@ wchar_t* MapInPlace(wchar_t* s, Map map) {
     return s;
 }
 
-// The characters of a wide format: vswprintf only says that they did not
-// fit, so the buffer grows until they do.
-int WideLength(const wchar_t* format, va_list args, std::wstring* text) {
-    for (size_t capacity = 256; capacity <= (size_t(1) << 28); capacity *= 4) {
-        std::vector<wchar_t> buffer(capacity);
-        va_list copy;
-        va_copy(copy, args);
-        int length = std::vswprintf(buffer.data(), capacity, format, copy);
-        va_end(copy);
-        if (length >= 0) {
-            if (text)
-                text->assign(buffer.data(), static_cast<size_t>(length));
-            return length;
-        }
-        if (errno == EILSEQ || errno == EINVAL)
-            return -1;
-    }
-    return -1;
-}
-
-// Windows' truncation rule: the text and a terminator when they fit, the
-// first `count` characters and -1 when they do not (no terminator), `count`
-// when the text is exactly `count` long (no terminator either).
-template <class Char>
-int Truncated(Char* buffer, size_t count, const std::basic_string<Char>& text) {
-    size_t copied = std::min(count, text.size());
-    std::copy(text.begin(), text.begin() + copied, buffer);
-    if (text.size() < count) {
-        buffer[text.size()] = 0;
-        return static_cast<int>(text.size());
-    }
-    return text.size() == count ? static_cast<int>(count) : -1;
-}
-
 }  // namespace
 
 wchar_t* _wcsdup(const wchar_t* s) {
@@ -103,50 +69,6 @@ int _wtoi(const wchar_t* s) {
 
 long _wtol(const wchar_t* s) { return _wtoi(s); }
 
-int _vscwprintf(const wchar_t* format, va_list args) { return WideLength(format, args, nullptr); }
-
-int _vscprintf(const char* format, va_list args) {
-    va_list copy;
-    va_copy(copy, args);
-    int length = std::vsnprintf(nullptr, 0, format, copy);
-    va_end(copy);
-    return length;
-}
-
-int _vsnprintf(char* buffer, size_t count, const char* format, va_list args) {
-    int length = _vscprintf(format, args);
-    if (length < 0)
-        return -1;
-    std::string text(static_cast<size_t>(length), '\0');
-    va_list copy;
-    va_copy(copy, args);
-    std::vsnprintf(text.data(), text.size() + 1, format, copy);
-    va_end(copy);
-    return Truncated(buffer, count, text);
-}
-
-int _vsnwprintf(wchar_t* buffer, size_t count, const wchar_t* format, va_list args) {
-    std::wstring text;
-    if (WideLength(format, args, &text) < 0)
-        return -1;
-    return Truncated(buffer, count, text);
-}
-
-int _snprintf(char* buffer, size_t count, const char* format, ...) {
-    va_list args;
-    va_start(args, format);
-    int result = _vsnprintf(buffer, count, format, args);
-    va_end(args);
-    return result;
-}
-
-int _snwprintf(wchar_t* buffer, size_t count, const wchar_t* format, ...) {
-    va_list args;
-    va_start(args, format);
-    int result = _vsnwprintf(buffer, count, format, args);
-    va_end(args);
-    return result;
-}
 
 // ---------------------------------------------------------------------------
 // Code pages

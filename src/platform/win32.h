@@ -483,15 +483,8 @@ wchar_t* _wcslwr(wchar_t* s);
 int _wtoi(const wchar_t* s);
 int64_t _wtoi64(const wchar_t* s);
 long _wtol(const wchar_t* s);
-// Characters the formatted text needs, without the terminator; -1 on error.
-int _vscwprintf(const wchar_t* format, va_list args);
-int _vscprintf(const char* format, va_list args);
-// Windows semantics: returns -1 when the text did not fit (the buffer then
-// holds count characters and may lack a terminator).
-int _vsnprintf(char* buffer, size_t count, const char* format, va_list args);
-int _vsnwprintf(wchar_t* buffer, size_t count, const wchar_t* format, va_list args);
-int _snprintf(char* buffer, size_t count, const char* format, ...);
-int _snwprintf(wchar_t* buffer, size_t count, const wchar_t* format, ...);
+// Formatting is not here: the library's texts use the Windows conversions
+// (%S, %I64d), which diag/Format.h understands.
 
 // ---------------------------------------------------------------------------
 // GUIDs
