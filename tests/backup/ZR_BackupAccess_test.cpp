@@ -13,6 +13,7 @@
 #include "diag/ZR_Error.h"
 #include "maps/ZR_CMaps.h"
 #include "maps/ZR_EMaps.h"
+#include "support/ErrorText.h"
 #include "support/Manifest.h"
 #include "support/MtfWalker.h"
 #include "support/PageFormat.h"
@@ -33,12 +34,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::string Errors() {
-    wchar_t* p = ZR_ReadErrors(L"acc");
-    std::wstring w = p ? p : L"";
-    free(p);
-    return std::string(w.begin(), w.end());
-}
+std::string Errors() { return zrtest::ErrorTextNarrow(L"acc"); }
 
 class BackupAccess : public ::testing::Test {
 protected:

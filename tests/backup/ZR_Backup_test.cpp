@@ -7,6 +7,7 @@
 #include "diag/ZR_Error.h"
 #include "maps/ZR_CMaps.h"
 #include "maps/ZR_MapPool.h"
+#include "support/ErrorText.h"
 #include "support/Manifest.h"
 #include "support/TestData.h"
 
@@ -26,12 +27,7 @@ std::string LsnText(const LSN& l) {
     return std::to_string(l.SeqNo) + ":" + std::to_string(l.blockOffset) + ":" + std::to_string(l.slotId);
 }
 
-std::string Errors(const wchar_t* key = nullptr) {
-    wchar_t* p = ZR_ReadErrors(key);
-    std::wstring w = p ? p : L"";
-    free(p);
-    return std::string(w.begin(), w.end());
-}
+std::string Errors(const wchar_t* key = nullptr) { return zrtest::ErrorTextNarrow(key); }
 
 class BackupContent : public ::testing::Test {
 protected:

@@ -14,6 +14,7 @@
 #include "backup/ZR_Backup.h"
 #include "backup/ZR_Scan.h"
 #include "diag/ZR_Error.h"
+#include "support/ErrorText.h"
 #include "support/TestData.h"
 
 namespace zrscantest {
@@ -28,12 +29,7 @@ inline std::unique_ptr<ZR_Backup> MakeBackup(const std::vector<std::filesystem::
 }
 
 // The texts of the error chain without a key, newest first.
-inline std::wstring ErrorsText() {
-    wchar_t* wsz = ZR_ReadErrors(nullptr);
-    std::wstring ws = wsz ? wsz : L"";
-    free(wsz);
-    return ws;
-}
+inline std::wstring ErrorsText() { return zrtest::ErrorText(); }
 
 inline bool ErrorsContain(const std::wstring& wsPart) { return ErrorsText().find(wsPart) != std::wstring::npos; }
 

@@ -14,6 +14,7 @@
 
 #include "diag/ZR_Error.h"
 #include "platform/FileCallsTesting.h"
+#include "support/ErrorText.h"
 #include "support/TestData.h"
 
 namespace fs = std::filesystem;
@@ -125,12 +126,7 @@ protected:
     void MakeFile(const fs::path& path) {
         m_file = std::make_unique<ZR_BackupFile>(m_strKey.c_str(), 1, path.wstring().c_str(), nullptr, false);
     }
-    std::wstring Errors() const {
-        wchar_t* pwsz = ZR_ReadErrors(m_strKey.c_str());
-        std::wstring str = pwsz ? pwsz : L"";
-        free(pwsz);
-        return str;
-    }
+    std::wstring Errors() const { return zrtest::ErrorText(m_strKey.c_str()); }
     bool ErrorsContain(const std::wstring& strText) const { return Errors().find(strText) != std::wstring::npos; }
     void InstallReadPlan() { ReplaceFileCall(&FileCalls::ReadFile, &PlannedReadFile); }
 

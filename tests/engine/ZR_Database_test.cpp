@@ -4,6 +4,7 @@
 
 #include "diag/ZR_Error.h"
 #include "maps/X_MapFile.h"
+#include "support/ErrorText.h"
 #include "support/TestData.h"
 
 #include <gtest/gtest.h>
@@ -32,12 +33,7 @@ protected:
         pBackup->SetDataSetNumber(1);
         pBackup->AddFile(zrtest::TestDataFile(kDir + name)->wstring().c_str(), nullptr, false);
     }
-    std::wstring Errors() {
-        wchar_t* p = ZR_ReadErrors(L"db-test");
-        std::wstring s = p ? p : L"";
-        free(p);
-        return s;
-    }
+    std::wstring Errors() { return zrtest::ErrorText(L"db-test"); }
 
     zrtest::TempDir m_tmp;
     ZR_Database m_db{L"/tmp", GUID_NULL};

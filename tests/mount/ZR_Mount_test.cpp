@@ -9,6 +9,7 @@
 #include "diag/ZR_Error.h"
 #include "mount/ZR_MountStepsTesting.h"
 #include "zirlane/zirlane.h"
+#include "support/ErrorText.h"
 
 // Reaches the private mounts of a virtual file name.
 struct ZR_TestAccess {
@@ -64,12 +65,7 @@ private:
     }
 };
 
-std::wstring Errors(const wchar_t* wszKey) {
-    wchar_t* wsz = ZR_ReadErrors(wszKey);
-    std::wstring str = wsz ? wsz : L"";
-    free(wsz);
-    return str;
-}
+std::wstring Errors(const wchar_t* wszKey) { return zrtest::ErrorText(wszKey); }
 
 bool Contains(const std::wstring& strText, const wchar_t* wszPart) {
     return strText.find(wszPart) != std::wstring::npos;

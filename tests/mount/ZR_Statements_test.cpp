@@ -20,6 +20,7 @@
 #include "mount/ZR.h"
 #include "mount/ZR_MountStepsTesting.h"
 #include "zirlane/zirlane.h"
+#include "support/ErrorText.h"
 
 namespace {
 
@@ -93,12 +94,7 @@ bool Traced(const std::string& text) {
     return false;
 }
 
-std::wstring Errors(const wchar_t* wszKey) {
-    wchar_t* wsz = ZR_ReadErrors(wszKey);
-    std::wstring str = wsz ? wsz : L"";
-    free(wsz);
-    return str;
-}
+std::wstring Errors(const wchar_t* wszKey) { return zrtest::ErrorText(wszKey); }
 
 class Statements : public testing::Test {
 protected:

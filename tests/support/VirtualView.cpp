@@ -1,5 +1,7 @@
 #include "support/VirtualView.h"
 
+#include "support/ErrorText.h"
+
 #include <cstdlib>
 #include <cwchar>
 
@@ -20,12 +22,7 @@ MapFolderScope::~MapFolderScope() {
     ZR_ClearErrors(nullptr);
 }
 
-std::string ErrorChainText() {
-    wchar_t* p = ZR_ReadErrors(nullptr);
-    std::wstring w = p ? p : L"";
-    free(p);
-    return std::string(w.begin(), w.end());
-}
+std::string ErrorChainText() { return ErrorTextNarrow(); }
 
 std::unique_ptr<ZR_Backup> PrepareBackup(const std::vector<std::filesystem::path>& files, bool bDiffFollows,
                                          std::string* pError) {
