@@ -9,6 +9,7 @@
 #include "diag/ZR_Error.h"
 #include "mount/ZR_MountStepsTesting.h"
 #include "zirlane/zirlane.h"
+#include "MountTestBase.h"
 #include "support/ErrorText.h"
 
 // Reaches the private mounts of a virtual file name.
@@ -71,25 +72,12 @@ bool Contains(const std::wstring& strText, const wchar_t* wszPart) {
     return strText.find(wszPart) != std::wstring::npos;
 }
 
-class MountFlow : public testing::Test {
+class MountFlow : public MountTestBase<ScriptedSteps> {
 protected:
-    void SetUp() override {
-        InitializeZR(0);
-        ZR::UninitializeForExit();
-        ZR_ClearErrors(nullptr);
-        m_pOldSteps = ZR_InstallMountStepsForTesting(&m_steps);
-    }
-    void TearDown() override {
-        ZR_InstallMountStepsForTesting(m_pOldSteps);
-        ZR::UninitializeForExit();
-        for (ZR_MountInfo* pInfo : m_aInfos) FreeMountInfo(pInfo);
-    }
-
     // A request with a full backup of one file, and a differential and logs
     // on demand.
     ZR_MountInfo* Request(const wchar_t* wszKey, bool bDiff = false, int iLogs = 0) {
-        ZR_MountInfo* pInfo = AllocateMountInfo();
-        m_aInfos.push_back(pInfo);
+        ZR_MountInfo* pInfo = NewRequest();
         BuildBackupInfoFromSet(pInfo, 1, 2, nullptr, nullptr);
         AddBackupSetFilename(pInfo, L"Full", L"full.bak");
         if (bDiff) {
@@ -113,9 +101,6 @@ protected:
         return bMounted;
     }
 
-    ScriptedSteps m_steps;
-    ZR_MountSteps* m_pOldSteps = nullptr;
-    std::vector<ZR_MountInfo*> m_aInfos;
 };
 
 TEST_F(MountFlow, ARequestWithoutKeyIsKnownByItsGuidInUpperCase) {

@@ -20,6 +20,7 @@
 #include "mount/ZR.h"
 #include "mount/ZR_MountStepsTesting.h"
 #include "zirlane/zirlane.h"
+#include "MountTestBase.h"
 #include "support/ErrorText.h"
 
 namespace {
@@ -96,27 +97,17 @@ bool Traced(const std::string& text) {
 
 std::wstring Errors(const wchar_t* wszKey) { return zrtest::ErrorText(wszKey); }
 
-class Statements : public testing::Test {
+class Statements : public MountTestBase<ViewSteps> {
 protected:
-    void SetUp() override {
-        InitializeZR(0);
-        ZR::UninitializeForExit();
-        ZR_ClearErrors(nullptr);
-        m_pOldSteps = ZR_InstallMountStepsForTesting(&m_steps);
-    }
     void TearDown() override {
-        ZR_InstallMountStepsForTesting(m_pOldSteps);
-        ZR::UninitializeForExit();
         ZR_ClearErrors(kKey);
-        ZR_ClearErrors(nullptr);
-        for (ZR_MountInfo* pInfo : m_aInfos) FreeMountInfo(pInfo);
+        MountTestBase::TearDown();
     }
 
     // A request for Sales on C:\ under kKey: a full backup in iFullFiles
     // files, a differential in one on demand, and iLogs logs of one file.
     ZR_MountInfo* Request(int iFullFiles, bool bDiff, int iLogs, const wchar_t* wszKey = kKey) {
-        ZR_MountInfo* pInfo = AllocateMountInfo();
-        m_aInfos.push_back(pInfo);
+        ZR_MountInfo* pInfo = NewRequest();
         BuildBackupInfoFromSet(pInfo, 1, 1, nullptr, nullptr);
         for (int i = 0; i < iFullFiles; ++i)
             AddBackupSetFilename(pInfo, L"Full", (L"full" + std::to_wstring(i) + L".bak").c_str());
@@ -150,9 +141,6 @@ protected:
         return L"'" + Name(L"C:\\", kKey, Id(pDB, iSlot, iFile)) + L"'";
     }
 
-    ViewSteps m_steps;
-    ZR_MountSteps* m_pOldSteps = nullptr;
-    std::vector<ZR_MountInfo*> m_aInfos;
 };
 
 // The whole chain of the worked example: a full backup in two files, a
