@@ -8,11 +8,14 @@
 
 #include "diag/ZR_Error.h"
 #include "platform/FileCallsTesting.h"
+#include "support/StreamPlugOnly.h"
 #include "support/ByteDamage.h"
 #include "support/RealMaps.h"
 #include "support/TestData.h"
 
 #include <gtest/gtest.h>
+
+#include <optional>
 
 #include <cstring>
 #include <filesystem>
@@ -33,11 +36,6 @@ const char kBackup[] = "appveyor-lab/RestoreTimeClean/RestoreTimeClean.bak";
 constexpr size_t kContentMapIdentity = 8 + 8 + 520 + 14 + 4;
 // Preamble and header of an extent map: magic, size, version, backend, flag.
 constexpr size_t kExtentMapHeader = 20;
-
-HANDLE NoMapping(LPCWSTR, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD, HANDLE) {
-    SetLastError(ERROR_ACCESS_DENIED);
-    return INVALID_HANDLE_VALUE;
-}
 
 // Reads every location the map holds and walks both configurations again.
 void TouchContent(ZR_CMaps& map) {
@@ -91,9 +89,9 @@ protected:
     // stream. A read that fails leaves nothing behind.
     template <class Map, class Touch>
     bool ReadOnce(bool bStream, Touch touch) {
-        zr::platform::testing::ScopedFileCalls restore;
+        std::optional<zrtest::StreamPlugOnly> streamOnly;
         if (bStream)
-            zr::platform::testing::ReplaceFileCall(&FileCalls::CreateFileW, &NoMapping);
+            streamOnly.emplace();
         bool bRead = false;
         {
             Map map;

@@ -5,6 +5,7 @@
 
 #include "diag/ZR_Error.h"
 #include "platform/FileCallsTesting.h"
+#include "support/StreamPlugOnly.h"
 #include "support/TestData.h"
 
 #include <gtest/gtest.h>
@@ -113,12 +114,7 @@ TEST_F(BackupMapFile, ReadBackThroughTheMappingAndTheStream) {
     EXPECT_EQ(mapped.GetMapPlug(), X_MAPPLUG_MMF);
     ExpectFilled(mapped);
 
-    zr::platform::testing::ScopedFileCalls restore;
-    zr::platform::testing::ReplaceFileCall(
-        &FileCalls::CreateFileW,
-        +[](LPCWSTR, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD, HANDLE) -> HANDLE {
-            return INVALID_HANDLE_VALUE;
-        });
+    zrtest::StreamPlugOnly streamOnly;
     ZR_BMaps streamed;
     Identify(streamed);
     ASSERT_TRUE(streamed.Read());

@@ -7,6 +7,7 @@
 #include "diag/ZR_Error.h"
 #include "platform/FileCallsTesting.h"
 #include "platform/PathNames.h"
+#include "support/StreamPlugOnly.h"
 #include "support/TestData.h"
 
 #include <gtest/gtest.h>
@@ -159,13 +160,7 @@ TEST_F(ContentMapFile, WrittenMapIsReadBackThroughTheMappingUnderItsIdentityName
 
 TEST_F(ContentMapFile, StreamPlugReadsTheSameWhenTheMappingCannotOpen) {
     WriteMap();
-    zr::platform::testing::ScopedFileCalls restore;
-    zr::platform::testing::ReplaceFileCall(
-        &FileCalls::CreateFileW,
-        +[](LPCWSTR, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD, HANDLE) -> HANDLE {
-            SetLastError(ERROR_ACCESS_DENIED);
-            return INVALID_HANDLE_VALUE;
-        });
+    zrtest::StreamPlugOnly streamOnly;
     ZR_CMaps map;
     ASSERT_TRUE(ReadBack(map));
     EXPECT_EQ(map.GetMapPlug(), X_MAPPLUG_STDIO);

@@ -12,6 +12,7 @@
 #include "maps/ZR_CMaps.h"
 #include "maps/ZR_MapPool.h"
 #include "platform/FileCallsTesting.h"
+#include "support/StreamPlugOnly.h"
 #include "support/TestData.h"
 #include "zirlane/zirlane.h"
 
@@ -221,11 +222,7 @@ TEST_F(ExtentMapFile, ReadBackThroughTheMappingInPlaceAndThroughTheStream) {
     EXPECT_TRUE(mapped.m_bMapped) << "the rows stay in the view";
     ExpectWritten(mapped);
 
-    zr::platform::testing::ScopedFileCalls restore;
-    zr::platform::testing::ReplaceFileCall(
-        &FileCalls::CreateFileW, +[](LPCWSTR, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD, HANDLE) -> HANDLE {
-            return INVALID_HANDLE_VALUE;
-        });
+    zrtest::StreamPlugOnly streamOnly;
     ZR_EMaps streamed;
     Identify(streamed);
     ASSERT_TRUE(streamed.Read());
