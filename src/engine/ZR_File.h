@@ -4,16 +4,8 @@
 
 #include <cstdint>
 
+#include "driver/DriverMessages.h"
 #include "platform/win32.h"
-
-// The driver's identity of an open data file: opaque but for its third
-// word, which is 0 while no identity is known (then no command may name it).
-struct FileObjectUniquifier {
-    uint32_t m_aiWords[4];
-};
-static_assert(sizeof(FileObjectUniquifier) == 16);
-
-inline bool IsUniquifierSet(const FileObjectUniquifier& u) { return u.m_aiWords[2] != 0; }
 
 class ZR_File {
 public:
