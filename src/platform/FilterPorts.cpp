@@ -138,6 +138,12 @@ bool FilterUnregisterPort(LPCWSTR wszPortName) {
     return r.ports.erase(wszPortName) == 1;
 }
 
+void FilterCompleteMessage(HANDLE hConnection, LPOVERLAPPED lpOverlapped, DWORD dwError, DWORD cbBytes) {
+    std::shared_ptr<PortConnection> pConnection = zr::platform::LookupHandleAs<PortConnection>(hConnection);
+    if (pConnection && lpOverlapped)
+        zr::platform::CompleteOverlapped(*pConnection, lpOverlapped, dwError, cbBytes);
+}
+
 void FilterSetAttachHandler(FilterAttachHandler handler) {
     Registry& r = TheRegistry();
     std::lock_guard<std::mutex> lock(r.mutex);

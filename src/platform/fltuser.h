@@ -70,6 +70,13 @@ struct FilterPortHandlers {
 bool FilterRegisterPort(LPCWSTR wszPortName, FilterPortHandlers handlers);
 bool FilterUnregisterPort(LPCWSTR wszPortName);
 
+// Completes a FilterGetMessage that the port's get handler left pending on
+// an OVERLAPPED: the result is stored in it, its event is set, and a packet
+// goes to the completion port that the connection is bound to (if any), as
+// the filter manager completes a message that has arrived. dwError is a
+// Win32 error (0 for success), cbBytes the bytes of the message.
+void FilterCompleteMessage(HANDLE hConnection, LPOVERLAPPED lpOverlapped, DWORD dwError, DWORD cbBytes);
+
 // What FilterAttach does; empty (the default) makes it fail with
 // HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), as without a loaded filter.
 using FilterAttachHandler = std::function<HRESULT(LPCWSTR lpFilterName, LPCWSTR lpVolumeName, LPCWSTR lpInstanceName,
