@@ -302,6 +302,13 @@ struct ZR_QueryOperation {
 };
 static_assert(offsetof(ZR_QueryOperation, iClass) == 36);
 
+// Operation 6: FILEINFO alone.
+struct ZR_FlushOperation {
+    ZR_OperationHead Head;
+    ZR_FileInfoPair File;
+};
+static_assert(sizeof(ZR_FlushOperation) == 32);
+
 // What the driver sends, and what each pending request holds: the message
 // then an OVERLAPPED.
 inline constexpr size_t kOperationMessageSize = 1088;

@@ -7,6 +7,7 @@
 #include "diag/Trace.h"
 #include "diag/ZR_Error.h"
 #include "engine/OwnedString.h"
+#include "filterdriver/ZR_FilterDriver.h"
 #include "mount/ZR_ControlPort.h"
 #include "mount/ZR_MountSteps.h"
 
@@ -78,6 +79,9 @@ void ZR::Fini() {
 
 void ZR::Initialize() {
     TraceSetup(0xFFFFFFFF, 0x100000, 0);
+    // A process that calls InitializeZR can mount: without a driver of its
+    // own, the embedded one serves the ports before the control port opens.
+    ZR_FilterDriver::StartUnlessPresent(g_wszSparseFilesFolder);
     if (!g_pZR) g_pZR = new ZR();
 }
 

@@ -26,8 +26,9 @@ public:
     ZR(const ZR&) = delete;
     ZR& operator=(const ZR&) = delete;
 
-    // Starts the trace switched off, then makes g_pZR (once: the library
-    // never destroys it).
+    // Starts the trace switched off, the embedded driver when no driver
+    // serves the control port, then makes g_pZR (once: the library never
+    // destroys it).
     static void Initialize();
     static ZR* GetZR() { return g_pZR; }
 

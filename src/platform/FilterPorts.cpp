@@ -22,6 +22,11 @@ public:
     static constexpr Type kType = Type::FilterPort;
     explicit PortConnection(std::shared_ptr<Port> pPort) : KernelObject(kType), m_pPort(pPort) {}
     std::shared_ptr<Port> port() const { return m_pPort.lock(); }
+    // The port, if it is still registered, hears of the close.
+    void OnClose() override {
+        if (std::shared_ptr<Port> pPort = port(); pPort && pPort->handlers.disconnect)
+            pPort->handlers.disconnect(static_cast<KernelObject*>(this));  // the handle it had
+    }
 
 private:
     std::weak_ptr<Port> m_pPort;

@@ -61,6 +61,9 @@ struct FilterPortHandlers {
                           LPOVERLAPPED lpOverlapped)>
         get;
     std::function<HRESULT(HANDLE hConnection, PFILTER_REPLY_HEADER pReply, DWORD cbReply)> reply;
+    // Told that a connection was closed (CloseHandle), so that the driver
+    // can forget what it keeps for that client; may be empty.
+    std::function<void(HANDLE hConnection)> disconnect;
 };
 
 // Registers a port under its name (case-sensitive, e.g. L"\\KelpbakMVTracePort").

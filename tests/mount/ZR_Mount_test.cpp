@@ -7,6 +7,8 @@
 #include <vector>
 
 #include "diag/ZR_Error.h"
+#include "filterdriver/ZR_FilterDriver.h"
+#include "mount/ZR_ControlPort.h"
 #include "mount/ZR_MountStepsTesting.h"
 #include "zirlane/zirlane.h"
 #include "MountTestBase.h"
@@ -300,7 +302,11 @@ TEST_F(MountFlow, WrapMountChecksItsArgumentsAndNeedsTheDriver) {
     EXPECT_FALSE(WrapMount(pInfo, wszKey, 0));
     EXPECT_FALSE(WrapMount(nullptr, wszKey, 64));
     EXPECT_EQ(wszKey[0], L'x');  // untouched before the request is checked
-    // No driver has registered its control port here.
+    // No driver: the embedded one that InitializeZR started is stopped, and
+    // the library's connection to it closed.
+    ZR_FilterDriver::Stop();
+    CloseHandle(g_hControlPort);
+    g_hControlPort = INVALID_HANDLE_VALUE;
     EXPECT_FALSE(WrapMount(pInfo, wszKey, 64));
     EXPECT_EQ(wszKey[0], 0);
     EXPECT_TRUE(m_steps.m_aSteps.empty());

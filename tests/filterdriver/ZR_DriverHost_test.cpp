@@ -1,0 +1,245 @@
+// SQL Server's file I/O through the embedded driver's host side, with the
+// library played over the ports: held reads, what is kept, what fails.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <thread>
+
+#include "filterdriver/DriverTestBase.h"
+#include "foundation/Utf16.h"
+#include "platform/FileCallsTesting.h"
+
+namespace zrtest {
+namespace {
+
+using namespace std::chrono_literals;
+using DriverHostTest = DriverTestBase;
+
+TEST_F(DriverHostTest, HeldReadIsReleasedByItsCompletionAndKeepsItsPages) {
+    ZR_HostHandle h = OpenData();
+    auto create = As<ZR_CreateOperation>(Operations(ZR_OP_CREATE).at(0));
+    EXPECT_EQ(Utf16Decode(create.wszName, sizeof create.wszName), kNameA) << "the library's spelling, not the caller's";
+    EXPECT_EQ(Utf16Decode(create.wszSecondName, sizeof create.wszSecondName), kNameB);
+    EXPECT_TRUE(IsUniquifierSet(create.Uniquifier));
+
+    m_bHold = true;
+    std::vector<uint8_t> aGot(8 * kPage);
+    uint32_t cb = 0;
+    auto reader = std::async(std::launch::async, [&] { return m_pHost->Read(h, 3 * kPage, aGot.data(), 8 * kPage, &cb); });
+    ZR_ReadOperation read = NextHeldRead();
+    EXPECT_EQ(read.File.iFileKey, kFileKey);
+    EXPECT_EQ(read.File.bVirtualBackup, 0u);
+    EXPECT_EQ(read.iOffset, 3 * kPage);
+    EXPECT_EQ(read.iLength, 8 * kPage);
+    EXPECT_EQ(read.Bitmap[0] | read.Bitmap[1], 0) << "nothing is present yet";
+    EXPECT_EQ(reader.wait_for(0s), std::future_status::timeout) << "held until the completion";
+    Supply(read, 0);
+    ASSERT_EQ(reader.get(), kHostSuccess);
+    EXPECT_EQ(cb, 8 * kPage);
+    EXPECT_EQ(aGot, Expected(3, 8));
+
+    // Pages 3 to 10 are kept: a read around them asks only for the others,
+    // and gets the kept ones from the sparse file (the library leaves
+    // present pages blank in the buffer).
+    m_bHold = false;
+    EXPECT_EQ(ReadPages(h, 0, 16), Expected(0, 16));
+    ASSERT_EQ(ReadOperations().size(), 2u);
+    ZR_ReadOperation around = ReadOperations()[1];
+    EXPECT_EQ(around.iOffset, 0u);
+    EXPECT_EQ(around.iLength, 16 * kPage);
+    EXPECT_EQ(around.Bitmap[0], 0x1F);
+    EXPECT_EQ(around.Bitmap[1], 0xE0);
+    EXPECT_EQ(ReadPages(h, 2, 12), Expected(2, 12));
+    EXPECT_EQ(ReadOperations().size(), 2u) << "no page is fetched twice";
+}
+
+TEST_F(DriverHostTest, ReadsLongerThanTheBitmapAreSplitAndPagesWithoutBackupAreZeros) {
+    m_NoBackup = {6, 1030};
+    ZR_HostHandle h = OpenData();
+    EXPECT_EQ(ReadPages(h, 5, 1100), Expected(5, 1100));
+    std::vector<ZR_ReadOperation> aReads = ReadOperations();
+    ASSERT_EQ(aReads.size(), 2u);
+    EXPECT_EQ(aReads[0].iOffset, 5 * kPage);
+    EXPECT_EQ(aReads[0].iLength, (1024 - 5) * kPage) << "1,024 pages less the first page's place in its extent";
+    EXPECT_EQ(aReads[1].iOffset, 1024 * kPage);
+    EXPECT_EQ(aReads[1].iLength, 81 * kPage);
+}
+
+TEST_F(DriverHostTest, FailuresOfTheLibraryFailTheReadAndKeepNothing) {
+    struct Case {
+        int32_t iReply, iCompletion, iErrno;
+    };
+    const Case aCases[] = {
+        {static_cast<int32_t>(0xC0000017), 0, ENOMEM},  // the read was not queued
+        {0, 23, EIO},                                   // the backup read failed (ERROR_CRC)
+        {0, static_cast<int32_t>(0x80070070), ENOSPC},  // an HRESULT
+    };
+    ZR_HostHandle h = OpenData();
+    for (const Case& c : aCases) {
+        m_iReadReply = c.iReply;
+        m_iReadResult = c.iCompletion;
+        std::vector<uint8_t> aGot(kPage);
+        uint32_t cb = 0;
+        ZR_HostStatus iStatus = m_pHost->Read(h, 40 * kPage, aGot.data(), kPage, &cb);
+        EXPECT_EQ(iStatus, c.iReply ? c.iReply : c.iCompletion);
+        EXPECT_EQ(ZR_HostStatusToErrno(iStatus), c.iErrno);
+    }
+    m_iReadReply = m_iReadResult = 0;
+    EXPECT_EQ(ReadPages(h, 40, 1), Expected(40, 1));
+    EXPECT_EQ(ReadOperations().size(), 4u) << "the failed reads kept no page";
+}
+
+TEST_F(DriverHostTest, StopOrALibraryThatGoesAwayReleasesHeldReads) {
+    struct Case {
+        const char* szWhat;
+        ZR_HostStatus iExpected;
+    };
+    for (const Case& c : {Case{"library gone", kHostNotConnected}, Case{"driver stopped", kHostDriverStopped}}) {
+        SCOPED_TRACE(c.szWhat);
+        ZR_HostHandle h = OpenData();
+        m_bHold = true;
+        std::vector<uint8_t> aGot(kPage);
+        uint32_t cb = 0;
+        auto reader = std::async(std::launch::async, [&] { return m_pHost->Read(h, 9 * kPage, aGot.data(), kPage, &cb); });
+        NextHeldRead();
+        if (c.iExpected == kHostNotConnected)
+            m_pClient->DisconnectOperations();
+        else
+            ZR_FilterDriver::Stop();
+        ASSERT_EQ(reader.wait_for(5s), std::future_status::ready);
+        EXPECT_EQ(reader.get(), c.iExpected);
+        Restart(true);
+    }
+}
+
+TEST_F(DriverHostTest, BitmapSurvivesARestartButNeverRunsAheadOfItsPages) {
+    ZR_HostHandle h = OpenData();
+    ReadPages(h, 0, 8);
+    EXPECT_EQ(m_pHost->Flush(h), kHostSuccess);
+    EXPECT_EQ(Operations(ZR_OP_FLUSH).size(), 1u);
+    ReadPages(h, 8, 8);  // kept, but its bits never stored: the process is killed below
+    Restart(false);
+    h = OpenData();
+    EXPECT_EQ(ReadPages(h, 0, 16), Expected(0, 16));
+    ASSERT_EQ(ReadOperations().size(), 1u);
+    EXPECT_EQ(ReadOperations()[0].iOffset, 8 * kPage) << "pages 0 to 7 came back from the disk";
+
+    // A page whose write failed is given to the reader but not marked.
+    {
+        zr::platform::testing::ScopedFileCalls restore;
+        zr::platform::testing::ReplaceFileCall(&FileCalls::WriteFile,
+                                               +[](HANDLE, LPCVOID, DWORD, LPDWORD, LPOVERLAPPED) -> BOOL {
+                                                   SetLastError(ERROR_DISK_FULL);
+                                                   return FALSE;
+                                               });
+        EXPECT_EQ(ReadPages(h, 16, 8), Expected(16, 8));
+    }
+    EXPECT_EQ(m_pHost->Flush(h), kHostSuccess);
+    Restart(true);
+    h = OpenData();
+    EXPECT_EQ(ReadPages(h, 16, 8), Expected(16, 8));
+    EXPECT_EQ(ReadOperations().size(), 1u) << "the unwritten pages are fetched again";
+}
+
+TEST_F(DriverHostTest, WritesReadInPagesTheyCoverInPartAndGrowTheFile) {
+    ZR_HostHandle h = OpenData();
+    std::vector<uint8_t> aBytes(100, 0xAB);
+    ASSERT_EQ(m_pHost->Write(h, 3 * kPage + 10, aBytes.data(), 100), kHostSuccess);
+    ASSERT_EQ(ReadOperations().size(), 1u);
+    EXPECT_EQ(ReadOperations()[0].iOffset, 3 * kPage);
+    EXPECT_EQ(ReadOperations()[0].iLength, kPage);
+    std::vector<uint8_t> aPage = Expected(3, 1);
+    std::memcpy(&aPage[10], aBytes.data(), 100);
+    EXPECT_EQ(ReadPages(h, 3, 1), aPage);
+
+    std::vector<uint8_t> aWhole(kPage, 0xCD);
+    ASSERT_EQ(m_pHost->Write(h, (kFilePages + 1) * kPage, aWhole.data(), kPage), kHostSuccess);
+    uint64_t iSize = 0;
+    EXPECT_EQ(m_pHost->QuerySize(h, &iSize), kHostSuccess);
+    EXPECT_EQ(iSize, (kFilePages + 2) * kPage);
+    EXPECT_EQ(ReadPages(h, kFilePages, 2), [&] {
+        std::vector<uint8_t> a(2 * kPage, 0);
+        std::fill(a.begin() + kPage, a.end(), 0xCD);
+        return a;
+    }());
+    EXPECT_EQ(ReadOperations().size(), 1u) << "pages past the backup's end are zeros, not fetched";
+    uint32_t cb = 1;
+    EXPECT_EQ(m_pHost->Read(h, iSize, aWhole.data(), kPage, &cb), kHostSuccess);
+    EXPECT_EQ(cb, 0u);
+}
+
+TEST_F(DriverHostTest, VirtualBackupFilesAreServedByTheLibrary) {
+    ZR_HostHandle h = 0;
+    ASSERT_EQ(m_pHost->Open(L"C:\\GUID=5A1C77E0-1234-4ABC-9DEF-00112233AABB!7.bxk", &h), kHostSuccess);
+    auto create = As<ZR_CreateOperation>(Operations(ZR_OP_CREATE).back());
+    EXPECT_EQ(create.wszSecondName[0], 0) << "a plain create";
+    uint64_t iValue = 0;
+    EXPECT_EQ(m_pHost->QuerySize(h, &iValue), kHostSuccess);
+    EXPECT_EQ(iValue, m_iViewSize);
+    EXPECT_EQ(m_pHost->QueryPosition(h, &iValue), kHostSuccess);
+    EXPECT_EQ(iValue, m_iPosition);
+    std::vector<uint8_t> aGot(65536);
+    uint32_t cb = 0;
+    ASSERT_EQ(m_pHost->Read(h, 98304, aGot.data(), 65536, &cb), kHostSuccess);
+    EXPECT_EQ(cb, 100000u - 98304u) << "cut at the view's end";
+    EXPECT_EQ(aGot[0], 98304 % 251);
+    EXPECT_EQ(aGot[cb - 1], (100000 - 1) % 251);
+    ZR_ReadOperation read = ReadOperations().back();
+    EXPECT_EQ(read.File.bVirtualBackup, 1u);
+    EXPECT_EQ(read.iLength, cb);
+    EXPECT_EQ(m_pHost->Write(h, 0, aGot.data(), 1), kHostAccessDenied);
+    EXPECT_EQ(m_pHost->Close(h, true), kHostSuccess);
+    auto close = As<ZR_CloseOperation>(Operations(ZR_OP_CLOSE).back());
+    EXPECT_EQ(close.File.iFileKey, kFileKey);
+    EXPECT_EQ(close.bDeleteOnClose, 1);
+    EXPECT_EQ(m_pHost->Read(h, 0, aGot.data(), 1, &cb), kHostInvalidHandle);
+    EXPECT_EQ(m_pHost->Open(L"C:\\elsewhere\\other.mdf", &h), kHostNameNotFound);
+}
+
+TEST_F(DriverHostTest, DeleteOnCloseRemovesTheSparseFileAndItsBitmapAtTheLastClose) {
+    ZR_HostHandle h1 = OpenData(), h2 = OpenData();
+    ReadPages(h1, 0, 8);
+    ASSERT_EQ(m_pHost->Flush(h2), kHostSuccess);
+    std::filesystem::path sparse = m_dir / kSparseName, bitmap = m_dir / (std::string(kSparseName) + ".bitmap");
+    ASSERT_TRUE(std::filesystem::exists(bitmap));
+    EXPECT_EQ(m_pHost->Close(h1, true), kHostSuccess);
+    EXPECT_TRUE(std::filesystem::exists(sparse)) << "another handle is open";
+    EXPECT_EQ(m_pHost->Close(h2, false), kHostSuccess);
+    EXPECT_FALSE(std::filesystem::exists(sparse));
+    EXPECT_FALSE(std::filesystem::exists(bitmap));
+}
+
+// Readers of overlapping ranges race with each other and with hydration;
+// each must see the backups' pages, whoever wrote them first.
+TEST_F(DriverHostTest, ConcurrentReadsAndHydrationAgreeOnEveryPage) {
+    m_NoBackup = {77, 300};
+    ZR_HostHandle h = OpenData();
+    FileObjectUniquifier uniquifier = Uniquifier();
+    std::vector<std::thread> aThreads;
+    std::atomic<int> iWrong{0};
+    for (int t = 0; t < 4; ++t)
+        aThreads.emplace_back([&, t] {
+            for (uint64_t i = 0; i < 24; ++i) {
+                uint64_t iFirst = (i * 37 + t * 11) % 480;
+                uint32_t iCount = 1 + static_cast<uint32_t>((i * 7 + t) % 40);
+                if (ReadPages(h, iFirst, iCount) != Expected(iFirst, iCount)) ++iWrong;
+            }
+        });
+    std::vector<uint8_t> aChunk = Expected(128, 384);
+    for (uint32_t iFirst = 128; iFirst < 512; iFirst += 128) {
+        ZR_HydratePagesMessage msg{};
+        msg.iCode = DRIVER_COMMAND_HYDRATE_PAGES;
+        msg.Uniquifier = uniquifier;
+        msg.pPages = reinterpret_cast<uint64_t>(&aChunk[(iFirst - 128) * kPage]);
+        msg.Range.iFirstExtent = iFirst;
+        msg.Range.iNumExtents = 128;
+        EXPECT_EQ(m_pClient->Control(&msg, sizeof msg, nullptr, 0), S_OK);
+    }
+    for (std::thread& thread : aThreads) thread.join();
+    EXPECT_EQ(iWrong, 0);
+    EXPECT_EQ(ReadPages(h, 0, 512), Expected(0, 512));
+}
+
+}  // namespace
+}  // namespace zrtest

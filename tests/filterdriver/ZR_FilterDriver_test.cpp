@@ -1,0 +1,282 @@
+// The embedded driver's commands, as the library sends them: hydration
+// (7 to 10), file names (4, 6), the trace (1 to 3); the bitmaps it keeps
+// on disk; and its start by the library.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <thread>
+
+#include "filterdriver/DriverTestBase.h"
+#include "foundation/Utf16.h"
+#include "mount/ZR.h"
+#include "platform/win32.h"
+#include "support/ErrorText.h"
+#include "zirlane/zirlane.h"
+
+namespace zrtest {
+namespace {
+
+using DriverCommandTest = DriverTestBase;
+
+// Both ends of a writer's block buffer: the completion header, then pages.
+struct WriterBuffer {
+    explicit WriterBuffer(const std::vector<uint8_t>& aPages)
+        : p(static_cast<uint8_t*>(std::aligned_alloc(kCompletionHeaderRoom, kCompletionHeaderRoom + aPages.size()))) {
+        ZR_CompletionHeader start{1, 1, 0, 0};
+        std::memcpy(p, &start, sizeof start);
+        std::memcpy(p + kCompletionHeaderRoom, aPages.data(), aPages.size());
+    }
+    ~WriterBuffer() { std::free(p); }
+    ZR_CompletionHeader* Header() { return reinterpret_cast<ZR_CompletionHeader*>(p); }
+    // What the library does after the driver accepted a message.
+    void Posted() {
+        Header()->iPosted *= 2;
+        Header()->bPostedToggle ^= 0xFF;
+    }
+    bool Finished() {
+        uint32_t iCompleted = std::atomic_ref<uint32_t>(*reinterpret_cast<uint32_t*>(p + 4)).load();
+        uint8_t bToggle = std::atomic_ref<uint8_t>(p[8]).load();
+        return iCompleted == Header()->iPosted && bToggle == Header()->bPostedToggle;
+    }
+    uint8_t* p;
+};
+
+class HydrationTest : public DriverTestBase {
+protected:
+    ZR_HydrationRange Status(uint32_t iStartExtent = 0, HRESULT hrExpected = S_OK) {
+        ZR_HydrationStatusMessage msg{DRIVER_COMMAND_GET_HYDRATION_STATUS, m_Uniquifier, iStartExtent};
+        ZR_HydrationRange range{};
+        DWORD cb = 0;
+        EXPECT_EQ(m_pClient->Control(&msg, sizeof msg, &range, sizeof range, &cb), hrExpected);
+        EXPECT_EQ(cb, hrExpected == S_OK ? sizeof range : 0u);
+        return range;
+    }
+    HRESULT Hydrate(const uint8_t* pPages, uint32_t iFirstPage, uint32_t iCount, uint32_t iMode,
+                    ZR_CompletionHeader* pHeader = nullptr, const uint8_t* pBitmap = nullptr, uint32_t* pcbTaken = nullptr) {
+        ZR_HydratePagesMessage msg{};
+        msg.iCode = DRIVER_COMMAND_HYDRATE_PAGES;
+        msg.Uniquifier = m_Uniquifier;
+        msg.pPages = reinterpret_cast<uint64_t>(pPages);
+        msg.Range.iFirstExtent = iFirstPage;
+        msg.Range.iNumExtents = iCount;
+        if (pBitmap) std::memcpy(msg.Range.Bitmap, pBitmap, sizeof msg.Range.Bitmap);
+        msg.iMode = iMode;
+        msg.pCompletionHeader = reinterpret_cast<uint64_t>(pHeader);
+        uint32_t cbTaken = 0;
+        DWORD cb = 0;
+        HRESULT hr = m_pClient->Control(&msg, sizeof msg, &cbTaken, sizeof cbTaken, &cb);
+        if (pcbTaken) *pcbTaken = cbTaken;
+        return hr;
+    }
+    void Open() {
+        m_h = OpenData();
+        m_Uniquifier = Uniquifier();
+    }
+
+    ZR_HostHandle m_h = 0;
+    FileObjectUniquifier m_Uniquifier{};
+};
+
+TEST_F(HydrationTest, DataFileModeWritesWhatIsMissingAndNeverOverwritesAPresentPage) {
+    Open();
+    std::vector<uint8_t> aMine(kPage, 0xAB);
+    ASSERT_EQ(m_pHost->Write(m_h, 17 * kPage, aMine.data(), kPage), kHostSuccess);  // SQL Server's own page
+    ZR_HydrationRange range = Status();
+    EXPECT_EQ(range.iFirstExtent, 1u) << "extent 0 is never offered";
+    EXPECT_EQ(range.iNumExtents, 16u);
+    EXPECT_EQ(range.iTotalExtents, kFilePages / 8);
+    EXPECT_EQ(range.iHydratedBytes, kPage);
+    EXPECT_EQ(range.Bitmap[1], 0x40) << "page 17 is the second page of extent 2";
+
+    m_NoBackup = {20};
+    std::vector<uint8_t> aChunk = Expected(8, 128);
+    std::memset(&aChunk[(20 - 8) * kPage + 96], 0x5A, kPage - 96);  // a blank header: the rest is stale
+    uint32_t cbTaken = 0;
+    ASSERT_EQ(Hydrate(aChunk.data(), 8, 128, ZR_HYDRATE_MODE_DATA_FILE, nullptr, range.Bitmap, &cbTaken), S_OK);
+    EXPECT_EQ(cbTaken, 127 * kPage);
+    EXPECT_EQ(ReadPages(m_h, 17, 1), aMine);
+    EXPECT_EQ(ReadPages(m_h, 20, 1), std::vector<uint8_t>(kPage, 0));
+    EXPECT_EQ(ReadPages(m_h, 8, 9), Expected(8, 9));
+    EXPECT_TRUE(ReadOperations().empty());
+
+    range = Status();
+    EXPECT_EQ(range.iFirstExtent, 17u);
+    EXPECT_EQ(range.iHydratedBytes, 128 * kPage);
+    EXPECT_EQ(Status(kFilePages / 8).iFirstExtent, kNoExtentToHydrate) << "nothing missing from the last extent on";
+}
+
+TEST_F(HydrationTest, WriterModesSignalTheCompletionHeader) {
+    Open();
+    for (uint32_t iMode : {ZR_HYDRATE_MODE_WRITER, ZR_HYDRATE_MODE_WRITER_FULL}) {
+        SCOPED_TRACE(iMode);
+        uint32_t iFirst = 64 * iMode;
+        WriterBuffer block(Expected(iFirst, 48));
+        std::vector<uint8_t> aMine(kPage, 0xEE);
+        ASSERT_EQ(m_pHost->Write(m_h, (iFirst + 40) * kPage, aMine.data(), kPage), kHostSuccess);
+        // Two messages for one block, as a writer sends runs of it.
+        for (uint32_t iRun : {0u, 24u}) {
+            ASSERT_EQ(Hydrate(block.p + kCompletionHeaderRoom + iRun * kPage, iFirst + iRun, 24, iMode, block.Header()),
+                      S_OK);
+            block.Posted();
+        }
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (!block.Finished() && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+        ASSERT_TRUE(block.Finished());
+        EXPECT_EQ(block.Header()->iPosted, 4u);
+        std::vector<uint8_t> aWant = Expected(iFirst, 48);
+        std::memcpy(&aWant[40 * kPage], aMine.data(), kPage);
+        EXPECT_EQ(ReadPages(m_h, iFirst, 48), aWant);
+    }
+    EXPECT_TRUE(ReadOperations().empty());
+}
+
+TEST_F(HydrationTest, CommandsRefuseWhatTheyCannotServe) {
+    Open();
+    std::vector<uint8_t> aPage = Expected(8, 1);
+    EXPECT_EQ(Hydrate(aPage.data(), 8, 1, 7), E_INVALIDARG) << "no such mode";
+    EXPECT_EQ(Hydrate(aPage.data(), 8, 1, ZR_HYDRATE_MODE_WRITER), E_INVALIDARG) << "no completion header";
+    EXPECT_EQ(Hydrate(nullptr, 8, 1, ZR_HYDRATE_MODE_DATA_FILE), E_INVALIDARG);
+    ZR_HydrationCleanupMessage cleanup{DRIVER_COMMAND_HYDRATION_CLEANUP, m_Uniquifier, 1};
+    EXPECT_EQ(m_pClient->Control(&cleanup, sizeof cleanup), S_OK);
+    EXPECT_EQ(m_pHost->Close(m_h, false), kHostSuccess);
+    EXPECT_EQ(m_pClient->Control(&cleanup, sizeof cleanup), E_HANDLE) << "the file is gone";
+    Status(0, E_HANDLE);
+    EXPECT_EQ(Hydrate(aPage.data(), 8, 1, ZR_HYDRATE_MODE_DATA_FILE), E_HANDLE);
+}
+
+// What a restarted driver makes of the bitmap it finds, by what happened
+// to the files while it was away.
+TEST_F(HydrationTest, BitmapOnDiskIsUsedOnlyWhenItIsSound) {
+    std::filesystem::path sparse = m_dir / kSparseName, bitmap = m_dir / (std::string(kSparseName) + ".bitmap");
+    auto flipInSlot = [&](int iSlot, uint64_t iAt) {
+        std::fstream f(bitmap, std::ios::in | std::ios::out | std::ios::binary);
+        f.seekg(iSlot * ZR_BitmapSlotBytes(kFilePages) + iAt);
+        char c = 0;
+        f.read(&c, 1);
+        f.seekp(iSlot * ZR_BitmapSlotBytes(kFilePages) + iAt);
+        f.put(static_cast<char>(c ^ 0x01));
+    };
+    auto newestSlot = [&] {
+        std::ifstream f(bitmap, std::ios::binary);
+        uint64_t aiGeneration[2] = {};
+        for (int i = 0; i < 2; ++i) {
+            f.seekg(i * ZR_BitmapSlotBytes(kFilePages) + 8);
+            f.read(reinterpret_cast<char*>(&aiGeneration[i]), 8);
+        }
+        return aiGeneration[1] > aiGeneration[0] ? 1 : 0;
+    };
+    struct Case {
+        const char* szWhat;
+        std::function<void()> damage;
+        uint32_t iFirstExtent;    // of the answer to command 8 after the restart
+        uint64_t iHydratedBytes;
+    };
+    const Case aCases[] = {
+        {"untouched", [] {}, 3, 16 * kPage},
+        {"the newest store torn", [&] { flipInSlot(newestSlot(), kBitmapSlotHead + 2); }, 2, 8 * kPage},
+        {"both slots damaged", [&] { flipInSlot(0, 40); flipInSlot(1, 40); }, 0, 0},
+        {"the sparse file resized", [&] { std::filesystem::resize_file(sparse, (kFilePages + 8) * kPage); }, 1, 0},
+        {"the sparse file gone", [&] { std::filesystem::remove(sparse); }, 1, 0},
+    };
+    for (const Case& c : aCases) {
+        SCOPED_TRACE(c.szWhat);
+        Open();
+        ReadPages(m_h, 8, 8);
+        ASSERT_EQ(m_pHost->Flush(m_h), kHostSuccess);
+        ReadPages(m_h, 16, 8);
+        ASSERT_EQ(m_pHost->Flush(m_h), kHostSuccess);  // both slots written
+        Restart(true);
+        c.damage();
+        Open();
+        ZR_HydrationRange range = Status();
+        EXPECT_EQ(range.iFirstExtent, c.iFirstExtent);
+        EXPECT_EQ(range.iHydratedBytes, c.iHydratedBytes);
+        EXPECT_EQ(m_pHost->Close(m_h, true), kHostSuccess);  // the next case starts afresh
+        Restart(true);
+    }
+    EXPECT_NE(ErrorTextNarrow().find("fails its check"), std::string::npos) << ErrorTextNarrow();
+}
+
+TEST(FileNameTable, VirtualNamesGiveTheSparseFileTheLibraryNames) {
+    struct Case {
+        const wchar_t* wszNameB;
+        const wchar_t* wszSparse;  // null: refused
+    };
+    const Case aCases[] = {
+        {L"C:\\GUID=5A1C77E0-1234-4ABC-9DEF-00112233AABB!1.mxf", L"F\\GUID=5A1C77E0-1234-4ABC-9DEF-00112233AABB!1.mcf"},
+        {L"c:\\VDB=a!!!Sales!LSN=1-2-3!12.NXF", L"F\\VDB=a!!!Sales!LSN=1-2-3!12.ncf"},
+        {L"C:\\Backups=O''Brien!FULL,DIFF!4.nxf", L"F\\Backups=O'Brien!FULL,DIFF!4.ncf"},
+        {L"C:\\key!0.nxf", nullptr},
+        {L"C:\\key!1.mdf", nullptr},
+        {L"C:\\key!x1.mxf", nullptr},
+        {L"C:\\!1.mxf", nullptr},
+        {L"key!1.mxf", nullptr},
+    };
+    for (const Case& c : aCases) {
+        ZR_FileNameEntry entry;
+        bool bParsed = ZR_FileNameTable::ParseVirtualName(c.wszNameB, &entry);
+        EXPECT_EQ(bParsed, c.wszSparse != nullptr) << std::wstring(c.wszNameB);
+        if (bParsed && c.wszSparse) {
+            EXPECT_EQ(entry.SparseName(L"F"), c.wszSparse);
+        }
+    }
+}
+
+TEST_F(DriverCommandTest, FileNamesAreRefusedWhenTheyDoNotFitAndDroppedByCommandSix) {
+    std::vector<uint8_t> aMessage(kAddFileNamesHead + 8, 0);
+    uint32_t aiHead[2] = {DRIVER_COMMAND_ADD_FILE_NAMES, 4000};
+    std::memcpy(aMessage.data(), aiHead, sizeof aiHead);
+    EXPECT_EQ(m_pClient->Control(aMessage.data(), static_cast<DWORD>(aMessage.size())), E_INVALIDARG);
+    EXPECT_EQ(m_pClient->Control(aMessage.data(), 10), E_INVALIDARG);
+    EXPECT_EQ(m_pClient->AddFileNames(L"D:\\x.mdf", L"D:\\x.mdf", kPage), E_INVALIDARG);
+    EXPECT_NE(ErrorTextNarrow().find("is not a virtual data file name"), std::string::npos) << ErrorTextNarrow();
+
+    ZR_CodeOnlyMessage cleanup{DRIVER_COMMAND_CLEANUP_FILE_NAMES};
+    ASSERT_EQ(m_pClient->Trace(&cleanup, sizeof cleanup), S_OK);
+    ZR_HostHandle h = 0;
+    EXPECT_EQ(m_pHost->Open(kNameA, &h), kHostNameNotFound);
+}
+
+TEST_F(DriverCommandTest, TraceIsEnabledAndCapturedThroughTheLibrarysExports) {
+    ASSERT_TRUE(EnableDriverTrace());
+    ZR_CodeValueMessage threads{DRIVER_COMMAND_SET_NUM_THREADS, 4};
+    EXPECT_EQ(m_pClient->Control(&threads, sizeof threads), S_OK);
+    char* pTrace = static_cast<char*>(CaptureDriverTrace());
+    ASSERT_NE(pTrace, nullptr);
+    EXPECT_NE(std::string(pTrace, ZR_DriverTrace::kLineSize).find("control command 15, 8 bytes"), std::string::npos)
+        << pTrace;
+    FreeTraceBuffer(pTrace);
+    EXPECT_TRUE(DisableDriverTrace());
+}
+
+TEST(HostStatus, ErrnoOfEachFamilyOfResults) {
+    struct Case {
+        uint32_t iStatus;
+        int iErrno;
+    };
+    const Case aCases[] = {{0, 0},          {0xC0000034, ENOENT}, {0xC00000B5, ETIMEDOUT}, {0x80070005, EACCES},
+                           {2, ENOENT},     {23, EIO},            {0xC0000420, EIO},       {0x8007000E, ENOMEM}};
+    for (const Case& c : aCases)
+        EXPECT_EQ(ZR_HostStatusToErrno(static_cast<ZR_HostStatus>(c.iStatus)), c.iErrno) << std::hex << c.iStatus;
+}
+
+TEST(EmbeddedDriverStart, TheLibraryStartsItUnlessADriverServesTheControlPort) {
+    FilterPortHandlers other;
+    ASSERT_TRUE(FilterRegisterPort(kControlPortName, other));
+    EXPECT_TRUE(ZR_FilterDriver::StartUnlessPresent(L"/tmp"));
+    EXPECT_FALSE(ZR_FilterDriver::IsRunning());
+    FilterUnregisterPort(kControlPortName);
+
+    InitializeZR(0);
+    EXPECT_TRUE(ZR_FilterDriver::IsRunning());
+    HANDLE hPort = INVALID_HANDLE_VALUE;
+    EXPECT_EQ(FilterConnectCommunicationPort(kOperationPortName, 0, nullptr, 0, nullptr, &hPort), S_OK);
+    CloseHandle(hPort);
+    ZR_FilterDriver::Stop();
+}
+
+}  // namespace
+}  // namespace zrtest
