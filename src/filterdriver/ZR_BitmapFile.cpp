@@ -11,7 +11,7 @@ namespace {
 
 constexpr uint32_t kMagic = 0x4250525A;  // "ZRPB"
 constexpr uint32_t kVersion = 1;
-constexpr uint32_t kCheckedHead = 24;    // the head's bytes that the check covers
+constexpr uint32_t kCheckedHead = 24;  // the head's bytes that the check covers
 constexpr uint64_t kSlotAlign = 4096;
 
 uint64_t Fnv1a(const uint8_t* p, size_t cb, uint64_t h = 1469598103934665603ull) {

@@ -25,7 +25,7 @@ DWORD ZeroPages(HANDLE h, uint64_t iFirstPage, uint64_t iCount) {
     zero.BeyondFinalZero.QuadPart = static_cast<int64_t>((iFirstPage + iCount) * kPage);
     DWORD cb = 0;
     return DeviceIoControl(h, FSCTL_SET_ZERO_DATA, &zero, sizeof zero, nullptr, 0, &cb, nullptr) ? ERROR_SUCCESS
-                                                                                                  : GetLastError();
+                                                                                                 : GetLastError();
 }
 
 }  // namespace
@@ -55,8 +55,8 @@ ZR_HostStatus ZR_DataFile::Open() {
     }
     if (iError == ERROR_SUCCESS && !GetFileSizeEx(m_hSparse, &size)) iError = GetLastError();
     if (iError != ERROR_SUCCESS) {
-        ZR_Error(nullptr, __FILE__, "ZR_DataFile::Open", __LINE__, "Driver: cannot open the sparse file %S, error %u\n",
-                 m_strSparsePath.c_str(), iError);
+        ZR_Error(m_Names.strKey.c_str(), __FILE__, "ZR_DataFile::Open", __LINE__,
+                 "Driver: cannot open the sparse file %S, error %u\n", m_strSparsePath.c_str(), iError);
         return ZR_HostStatusFromWin32(iError);
     }
     m_iSize = static_cast<uint64_t>(size.QuadPart);
@@ -65,14 +65,14 @@ ZR_HostStatus ZR_DataFile::Open() {
     switch (m_BitmapFile.Load(m_Bitmap.Pages(), &aBytes)) {
         case ZR_BITMAP_LOADED: m_Bitmap.Assign(std::move(aBytes), m_Bitmap.Pages()); break;
         case ZR_BITMAP_DISCARDED:
-            ZR_Warning(nullptr, __FILE__, "ZR_DataFile::Open", __LINE__,
+            ZR_Warning(m_Names.strKey.c_str(), __FILE__, "ZR_DataFile::Open", __LINE__,
                        "Driver: the bitmap %S is of another size than its sparse file: every page counts as absent\n",
                        m_BitmapFile.Path().c_str());
             break;
         case ZR_BITMAP_CORRUPTED:
             m_bCorrupted = true;
             Changed();  // the first flush writes a sound bitmap
-            ZR_Error(nullptr, __FILE__, "ZR_DataFile::Open", __LINE__,
+            ZR_Error(m_Names.strKey.c_str(), __FILE__, "ZR_DataFile::Open", __LINE__,
                      "Driver: the bitmap %S fails its check: every page counts as absent\n",
                      m_BitmapFile.Path().c_str());
             break;
@@ -91,8 +91,8 @@ void ZR_DataFile::DeleteFiles() {
     std::lock_guard flush(m_csFlush);
     m_BitmapFile.Delete();
     if (!DeleteFileW(m_strSparsePath.c_str()))
-        ZR_Error(nullptr, __FILE__, "ZR_DataFile::DeleteFiles", __LINE__, "Driver: cannot delete %S, error %u\n",
-                 m_strSparsePath.c_str(), GetLastError());
+        ZR_Error(m_Names.strKey.c_str(), __FILE__, "ZR_DataFile::DeleteFiles", __LINE__,
+                 "Driver: cannot delete %S, error %u\n", m_strSparsePath.c_str(), GetLastError());
 }
 
 uint64_t ZR_DataFile::Size() {
@@ -120,35 +120,45 @@ bool ZR_DataFile::NextMissing(uint64_t iFirst, uint64_t iEnd, uint64_t* piStart,
     return true;
 }
 
-ZR_HostStatus ZR_DataFile::StoreFetched(uint64_t iFirstPage, uint32_t iCount,
-                                        const uint8_t aBitmap[kLiveBitmapBytes], const uint8_t* pPages) {
-    uint64_t iBase = iFirstPage & ~uint64_t(7);
-    auto bFetched = [&](uint64_t iPage) {
-        uint64_t iBit = iPage - iBase;
-        return !(aBitmap[iBit >> 3] & (0x80u >> (iBit & 7)));
-    };
-    std::lock_guard guard(m_cs);
-    if (m_bClosed) return kHostInvalidHandle;
+// Writes the runs of pages that are absent and wanted, and marks them
+// present once written. m_cs is held.
+template <class Wanted>
+DWORD ZR_DataFile::WriteAbsent(uint64_t iFirstPage, uint32_t iCount, const uint8_t* pPages, uint32_t* pcbWritten,
+                               Wanted bWanted) {
     uint64_t iEnd = std::min<uint64_t>(iFirstPage + iCount, m_Bitmap.Pages());
+    auto bWrite = [&](uint64_t iPage) { return !m_Bitmap.Test(iPage) && bWanted(iPage); };
     for (uint64_t iPage = iFirstPage; iPage < iEnd;) {
-        uint64_t iRun = 0;
-        while (iPage + iRun < iEnd && bFetched(iPage + iRun) && !m_Bitmap.Test(iPage + iRun)) ++iRun;
-        if (iRun == 0) {
-            ++iPage;  // present when the read began, or written since: the file's copy counts
+        if (!bWrite(iPage)) {
+            ++iPage;
             continue;
         }
+        uint64_t iRun = 1;
+        while (iPage + iRun < iEnd && bWrite(iPage + iRun)) ++iRun;
         if (DWORD iError = WritePages(iPage, static_cast<uint32_t>(iRun), pPages + (iPage - iFirstPage) * kPage);
             iError != ERROR_SUCCESS) {
-            ZR_Error(nullptr, __FILE__, "ZR_DataFile::StoreFetched", __LINE__,
+            ZR_Error(m_Names.strKey.c_str(), __FILE__, "ZR_DataFile::WriteAbsent", __LINE__,
                      "Driver: cannot write pages %I64u to %I64u of %S, error %u\n", iPage, iPage + iRun - 1,
                      m_strSparsePath.c_str(), iError);
-            return ZR_HostStatusFromWin32(iError);
+            return iError;
         }
         m_Bitmap.SetRange(iPage, iRun);
         Changed();
+        *pcbWritten += static_cast<uint32_t>(iRun * kPage);
         iPage += iRun;
     }
-    return kHostSuccess;
+    return ERROR_SUCCESS;
+}
+
+ZR_HostStatus ZR_DataFile::StoreFetched(uint64_t iFirstPage, uint32_t iCount, const uint8_t aBitmap[kLiveBitmapBytes],
+                                        const uint8_t* pPages) {
+    uint64_t iBase = iFirstPage & ~uint64_t(7);
+    std::lock_guard guard(m_cs);
+    if (m_bClosed) return kHostInvalidHandle;
+    // A page present when the read began, or written since, keeps the file's copy.
+    uint32_t cbWritten = 0;
+    DWORD iError = WriteAbsent(iFirstPage, iCount, pPages, &cbWritten,
+                               [&](uint64_t iPage) { return !ZR_TestBit(aBitmap, iPage - iBase); });
+    return iError == ERROR_SUCCESS ? kHostSuccess : ZR_HostStatusFromWin32(iError);
 }
 
 ZR_HostStatus ZR_DataFile::ReadStored(uint64_t iOffset, void* p, uint32_t cb) {
@@ -197,10 +207,10 @@ ZR_HostStatus ZR_DataFile::Flush() {
         iPages = m_Bitmap.Pages();
         iChanges = m_iChanges;
     }
+    if (iChanges == m_iStoredChanges) return kHostSuccess;
     // Every page marked in the copy was written before the copy was taken,
     // so this flush puts it on the disk before its bit.
     if (!FlushFileBuffers(m_hSparse)) return ZR_HostStatusFromWin32(GetLastError());
-    if (iChanges == m_iStoredChanges) return kHostSuccess;
     if (!m_BitmapFile.Store(iPages, aBytes)) return kHostIoError;
     m_iStoredChanges = iChanges;
     return kHostSuccess;
@@ -233,31 +243,10 @@ DWORD ZR_DataFile::Hydrate(uint64_t iFirstPage, uint32_t iCount, const uint8_t* 
     *pcbTaken = 0;
     std::lock_guard guard(m_cs);
     if (m_bClosed) return ERROR_INVALID_HANDLE;
-    uint64_t iEnd = std::min<uint64_t>(iFirstPage + iCount, m_Bitmap.Pages());
-    auto bWanted = [&](uint64_t iPage) {
+    return WriteAbsent(iFirstPage, iCount, pPages, pcbTaken, [&](uint64_t iPage) {
         uint64_t i = iPage - iFirstPage;
-        return !m_Bitmap.Test(iPage) && !(pSkip && i < 128 && (pSkip[i >> 3] & (0x80u >> (i & 7))));
-    };
-    for (uint64_t iPage = iFirstPage; iPage < iEnd;) {
-        if (!bWanted(iPage)) {
-            ++iPage;
-            continue;
-        }
-        uint64_t iRun = 1;
-        while (iPage + iRun < iEnd && bWanted(iPage + iRun)) ++iRun;
-        if (DWORD iError = WritePages(iPage, static_cast<uint32_t>(iRun), pPages + (iPage - iFirstPage) * kPage);
-            iError != ERROR_SUCCESS) {
-            ZR_Error(nullptr, __FILE__, "ZR_DataFile::Hydrate", __LINE__,
-                     "Driver: cannot write pages %I64u to %I64u of %S, error %u\n", iPage, iPage + iRun - 1,
-                     m_strSparsePath.c_str(), iError);
-            return iError;
-        }
-        m_Bitmap.SetRange(iPage, iRun);
-        Changed();
-        *pcbTaken += static_cast<uint32_t>(iRun * kPage);
-        iPage += iRun;
-    }
-    return ERROR_SUCCESS;
+        return !pSkip || i >= 128 || !ZR_TestBit(pSkip, i);
+    });
 }
 
 // Pages with a blank header become zeros in the file; the others are
@@ -267,9 +256,9 @@ DWORD ZR_DataFile::WritePages(uint64_t iFirstPage, uint32_t iCount, const uint8_
         bool bBlank = HasBlankHeader(pPages + uint64_t(i) * kPage);
         uint32_t iRun = 1;
         while (i + iRun < iCount && HasBlankHeader(pPages + uint64_t(i + iRun) * kPage) == bBlank) ++iRun;
-        DWORD iError = bBlank ? ZeroPages(m_hSparse, iFirstPage + i, iRun)
-                              : ZR_WriteAt(m_hSparse, pPages + uint64_t(i) * kPage, iRun * kPage,
-                                           (iFirstPage + i) * kPage);
+        DWORD iError =
+            bBlank ? ZeroPages(m_hSparse, iFirstPage + i, iRun)
+                   : ZR_WriteAt(m_hSparse, pPages + uint64_t(i) * kPage, iRun * kPage, (iFirstPage + i) * kPage);
         if (iError != ERROR_SUCCESS) return iError;
         i += iRun;
     }

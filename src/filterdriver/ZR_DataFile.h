@@ -101,6 +101,9 @@ public:
                   uint32_t* pcbTaken);
 
 private:
+    template <class Wanted>
+    DWORD WriteAbsent(uint64_t iFirstPage, uint32_t iCount, const uint8_t* pPages, uint32_t* pcbWritten,
+                      Wanted bWanted);
     DWORD WritePages(uint64_t iFirstPage, uint32_t iCount, const uint8_t* pPages);
     void Changed() { ++m_iChanges; }
 
@@ -111,12 +114,12 @@ private:
     ZR_BitmapFile m_BitmapFile;               // under m_csFlush
 
     std::mutex m_csFlush;
-    uint64_t m_iStoredChanges = 0;            // under m_csFlush: m_iChanges at the last store
+    uint64_t m_iStoredChanges = 0;  // under m_csFlush: m_iChanges at the last store
 
     std::mutex m_cs;
     ZR_PageBitmap m_Bitmap;
     uint64_t m_iSize = 0;
-    uint64_t m_iChanges = 0;                  // changes of the bitmap since Open
-    bool m_bCorrupted = false;                // the persisted bitmap failed its check
+    uint64_t m_iChanges = 0;    // changes of the bitmap since Open
+    bool m_bCorrupted = false;  // the persisted bitmap failed its check
     bool m_bClosed = false;
 };

@@ -22,7 +22,15 @@ bool EndsWith(const std::wstring& str, const wchar_t* wszTail) {
     return true;
 }
 
-bool IsVirtualBackupName(const std::wstring& strName) { return EndsWith(strName, L".bxk") || EndsWith(strName, L".kxlp"); }
+bool IsVirtualBackupName(const std::wstring& strName) {
+    return EndsWith(strName, L".bxk") || EndsWith(strName, L".kxlp");
+}
+
+// The pair the reply to a create gives, which later operations carry.
+ZR_FileInfoPair PairOf(const ZR_OperationReply& reply) {
+    const auto* p = reinterpret_cast<const uint8_t*>(&reply);
+    return ZR_FileInfoPair{ZR_Load<uint32_t>(p + kReplyCreateFileKey), p[kReplyCreateVirtualBackup]};
+}
 
 ZR_OperationHead HeadOf(ZR_DriverOperation_e eOperation) {
     ZR_OperationHead head{};
@@ -127,7 +135,7 @@ ZR_HostStatus ZR_DriverHost::Open(const wchar_t* wszName, ZR_HostHandle* phFile)
 ZR_HostStatus ZR_DriverHost::OpenDataFile(const ZR_FileNameEntry& names, ZR_HostHandle* phFile) {
     std::wstring strFolder = m_Driver.SparseFolder();
     if (strFolder.empty()) {
-        ZR_Error(nullptr, __FILE__, "ZR_DriverHost::Open", __LINE__,
+        ZR_Error(names.strKey.c_str(), __FILE__, "ZR_DriverHost::Open", __LINE__,
                  "Driver: no folder for sparse files is set: %S cannot be opened\n", names.strNameA.c_str());
         return kHostPathNotFound;
     }
@@ -147,7 +155,7 @@ ZR_HostStatus ZR_DriverHost::OpenDataFile(const ZR_FileNameEntry& names, ZR_Host
         m_Driver.Files().Release(pFile->pData, false);
         return iStatus;
     }
-    pFile->Info.iFileKey = ZR_Load<uint32_t>(reinterpret_cast<const uint8_t*>(&reply) + kReplyCreateFileKey);
+    pFile->Info = PairOf(reply);
     *phFile = Keep(std::move(pFile));
     return kHostSuccess;
 }
@@ -160,8 +168,7 @@ ZR_HostStatus ZR_DriverHost::OpenVirtualFile(const wchar_t* wszName, ZR_HostHand
     if (ZR_HostStatus iStatus = Operate(&create, sizeof create, &reply); iStatus != kHostSuccess) return iStatus;
     auto pFile = std::make_shared<OpenFile>();
     pFile->strName = wszName;
-    pFile->Info.iFileKey = ZR_Load<uint32_t>(reinterpret_cast<const uint8_t*>(&reply) + kReplyCreateFileKey);
-    pFile->Info.bVirtualBackup = 1;
+    pFile->Info = PairOf(reply);
     *phFile = Keep(std::move(pFile));
     return kHostSuccess;
 }
@@ -181,8 +188,7 @@ ZR_HostStatus ZR_DriverHost::Read(ZR_HostHandle hFile, uint64_t iOffset, void* p
                         : ReadVirtual(*pFile, iOffset, p, cbBuffer, pcbRead);
 }
 
-ZR_HostStatus ZR_DriverHost::ReadVirtual(OpenFile& file, uint64_t iOffset, uint8_t* p, uint32_t cb,
-                                         uint32_t* pcbRead) {
+ZR_HostStatus ZR_DriverHost::ReadVirtual(OpenFile& file, uint64_t iOffset, uint8_t* p, uint32_t cb, uint32_t* pcbRead) {
     uint64_t iSize = UINT64_MAX;
     ViewSize(file, &iSize);  // unknown: the library decides where the view ends
     if (iOffset >= iSize || cb == 0) return kHostSuccess;
@@ -201,7 +207,8 @@ ZR_HostStatus ZR_DriverHost::FetchMissing(const OpenFile& file, uint64_t iFirst,
     Unstored piece{};
     for (uint64_t iPage = iFirst; data.NextMissing(iPage, iEnd, &piece.iFirstPage, &piece.iCount, piece.aBitmap);
          iPage = piece.iFirstPage + piece.iCount) {
-        ZR_HostStatus iStatus = LiveRead(file, piece.iFirstPage * kPage, piece.iCount * kPage, piece.aBitmap, &piece.pRead);
+        ZR_HostStatus iStatus =
+            LiveRead(file, piece.iFirstPage * kPage, piece.iCount * kPage, piece.aBitmap, &piece.pRead);
         if (iStatus != kHostSuccess) return iStatus;
         iStatus = data.StoreFetched(piece.iFirstPage, piece.iCount, piece.aBitmap, piece.pRead->pBuffer.get());
         if (iStatus != kHostSuccess && !paUnstored) return iStatus;
@@ -226,10 +233,8 @@ ZR_HostStatus ZR_DriverHost::ReadData(const OpenFile& file, uint64_t iOffset, ui
     for (const Unstored& piece : aUnstored) {
         uint64_t iBase = piece.iFirstPage & ~uint64_t(7);
         for (uint64_t iPage = piece.iFirstPage; iPage < piece.iFirstPage + piece.iCount; ++iPage) {
-            uint64_t iBit = iPage - iBase;
             uint64_t iFrom = std::max(iOffset, iPage * kPage), iTo = std::min(iEnd, (iPage + 1) * kPage);
-            if (iFrom >= iTo || (piece.aBitmap[iBit >> 3] & (0x80u >> (iBit & 7))) || file.pData->IsPresent(iPage))
-                continue;
+            if (iFrom >= iTo || ZR_TestBit(piece.aBitmap, iPage - iBase) || file.pData->IsPresent(iPage)) continue;
             std::memcpy(p + (iFrom - iOffset), piece.pRead->pBuffer.get() + (iFrom - piece.iFirstPage * kPage),
                         iTo - iFrom);
         }
@@ -278,8 +283,8 @@ ZR_HostStatus ZR_DriverHost::QueryPosition(ZR_HostHandle hFile, uint64_t* piPosi
     if (ZR_HostStatus iStatus = Query(*pFile, kFilePositionInformation, &reply); iStatus != kHostSuccess)
         return iStatus;
     const auto* pReply = reinterpret_cast<const uint8_t*>(&reply);
-    *piPosition = ZR_Load<uint32_t>(pReply + kReplyPositionLow) |
-                  uint64_t(ZR_Load<uint32_t>(pReply + kReplyPositionHigh)) << 32;
+    *piPosition =
+        ZR_Load<uint32_t>(pReply + kReplyPositionLow) | uint64_t(ZR_Load<uint32_t>(pReply + kReplyPositionHigh)) << 32;
     return kHostSuccess;
 }
 

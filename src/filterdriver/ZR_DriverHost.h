@@ -79,8 +79,8 @@ private:
     struct OpenFile {
         std::wstring strName;
         ZR_FileInfoPair Info{};
-        std::shared_ptr<ZR_DataFile> pData;                // null for a virtual backup file
-        std::atomic<uint64_t> iViewSize{UINT64_MAX};       // virtual backup file, once asked
+        std::shared_ptr<ZR_DataFile> pData;           // null for a virtual backup file
+        std::atomic<uint64_t> iViewSize{UINT64_MAX};  // virtual backup file, once asked
     };
     // A stretch of pages fetched that the sparse file could not keep.
     struct Unstored {

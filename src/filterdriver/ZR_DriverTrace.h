@@ -32,10 +32,10 @@ public:
 
 private:
     std::atomic<bool> m_bOn{false};
-    std::mutex m_lock;                // guards all below
-    std::vector<char> m_aRing;        // empty until the first Enable
-    size_t m_iNext = 0;               // the line written next
-    bool m_bWrapped = false;          // every line of the ring holds text
-    uint64_t m_iCount = 0;            // lines recorded since Enable
+    std::mutex m_lock;          // guards all below
+    std::vector<char> m_aRing;  // empty until the first Enable
+    size_t m_iNext = 0;         // the line written next
+    bool m_bWrapped = false;    // every line of the ring holds text
+    uint64_t m_iCount = 0;      // lines recorded since Enable
     uint64_t m_iLimit = 0;
 };

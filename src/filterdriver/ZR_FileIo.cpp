@@ -36,8 +36,9 @@ DWORD ZR_SetFileSize(HANDLE hFile, uint64_t iSize) {
 }
 
 HANDLE ZR_OpenDriverFile(const wchar_t* wszPath, DWORD iDisposition, bool* pbCreated) {
-    HANDLE h = CreateFileW(wszPath, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                           nullptr, iDisposition, FILE_ATTRIBUTE_NORMAL, nullptr);
+    HANDLE h =
+        CreateFileW(wszPath, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                    nullptr, iDisposition, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (pbCreated) *pbCreated = h != INVALID_HANDLE_VALUE && GetLastError() != ERROR_ALREADY_EXISTS;
     return h;
 }

@@ -39,8 +39,7 @@ std::wstring ZR_FileNameEntry::SparseName(const std::wstring& strFolder) const {
 }
 
 bool ZR_FileNameTable::ParseVirtualName(const std::wstring& strNameB, ZR_FileNameEntry* pEntry) {
-    if (strNameB.size() < 3 || !std::iswalpha(strNameB[0]) || strNameB[1] != L':' || strNameB[2] != L'\\')
-        return false;
+    if (strNameB.size() < 3 || !std::iswalpha(strNameB[0]) || strNameB[1] != L':' || strNameB[2] != L'\\') return false;
     std::wstring strRest = strNameB.substr(3);
     size_t iDot = strRest.rfind(L'.');
     size_t iBang = iDot == std::wstring::npos ? iDot : strRest.rfind(L'!', iDot);

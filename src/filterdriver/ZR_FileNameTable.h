@@ -13,12 +13,12 @@
 #include <string>
 
 struct ZR_FileNameEntry {
-    std::wstring strNameA;    // as the library sent it
-    std::wstring strNameB;    // as the library sent it
-    uint64_t iFileSize = 0;   // the size the backup records for the file
-    std::wstring strKey;      // the mount key in name B, with its doubled quotes made single
-    uint32_t iFileNumber = 0; // SQL Server's file number, n in name B
-    bool bPrimary = false;    // ".mxf": data file number 1
+    std::wstring strNameA;     // as the library sent it
+    std::wstring strNameB;     // as the library sent it
+    uint64_t iFileSize = 0;    // the size the backup records for the file
+    std::wstring strKey;       // the mount key in name B, with its doubled quotes made single
+    uint32_t iFileNumber = 0;  // SQL Server's file number, n in name B
+    bool bPrimary = false;     // ".mxf": data file number 1
 
     // The sparse file behind the data file: "%s\%s!%u.%hs" with the folder,
     // key, number and "mcf" (primary) or "ncf", as the library names it.

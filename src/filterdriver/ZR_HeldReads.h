@@ -25,9 +25,9 @@ struct ZR_HeldRead {
     std::unique_ptr<uint8_t[]> pBuffer;  // zeroed: pages no backup holds come back as zeros
     uint32_t cbBuffer = 0;
     // Under the table's lock:
-    bool bEnded = false;                 // completed, or failed by the driver
-    bool bCompleted = false;             // the library's completion arrived
-    bool bMapped = false;                // the library has the buffer's address
+    bool bEnded = false;      // completed, or failed by the driver
+    bool bCompleted = false;  // the library's completion arrived
+    bool bMapped = false;     // the library has the buffer's address
     ZR_HostStatus iResult = 0;
     std::condition_variable cvEnded;
 };

@@ -36,7 +36,8 @@ void ZR_HydrationWriter::Stop() {
 
 void ZR_HydrationWriter::SignalFinished(ZR_CompletionHeader* pHeader) {
     auto* pBytes = reinterpret_cast<uint8_t*>(pHeader);
-    std::atomic_ref<uint32_t> completed(*reinterpret_cast<uint32_t*>(pBytes + offsetof(ZR_CompletionHeader, iCompleted)));
+    std::atomic_ref<uint32_t> completed(
+        *reinterpret_cast<uint32_t*>(pBytes + offsetof(ZR_CompletionHeader, iCompleted)));
     uint32_t iOld = completed.load();
     while (!completed.compare_exchange_weak(iOld, iOld * 2)) {
     }

@@ -28,8 +28,8 @@ public:
         std::shared_ptr<ZR_DataFile> pFile;
         uint64_t iFirstPage = 0;
         uint32_t iCount = 0;
-        const uint8_t* pPages = nullptr;            // the library's buffer
-        ZR_CompletionHeader* pHeader = nullptr;     // 4-byte aligned
+        const uint8_t* pPages = nullptr;         // the library's buffer
+        ZR_CompletionHeader* pHeader = nullptr;  // 4-byte aligned
     };
 
     ~ZR_HydrationWriter() { Stop(); }

@@ -111,7 +111,8 @@ void ZR_OperationChannel::Stop() {
         m_Operations.clear();
         m_Queue.clear();
     }
-    for (const PendingGet& get : gets) FilterCompleteMessage(get.hConnection, get.pOverlapped, ERROR_OPERATION_ABORTED, 0);
+    for (const PendingGet& get : gets)
+        FilterCompleteMessage(get.hConnection, get.pOverlapped, ERROR_OPERATION_ABORTED, 0);
 }
 
 void ZR_OperationChannel::Deliver(Operation& op, const PendingGet& get) {

@@ -75,7 +75,7 @@ private:
     std::mutex m_cs;
     std::set<HANDLE> m_Connections;
     std::deque<PendingGet> m_Gets;
-    std::deque<std::shared_ptr<Operation>> m_Queue;              // waiting for a request
+    std::deque<std::shared_ptr<Operation>> m_Queue;               // waiting for a request
     std::map<uint64_t, std::shared_ptr<Operation>> m_Operations;  // by MessageId, until the reply
     uint64_t m_iNextMessageId = 1;
     bool m_bStopped = false;

@@ -18,10 +18,8 @@ void ZR_PageBitmap::Assign(std::vector<uint8_t> aBytes, uint64_t iPages) {
     Recount();
 }
 
-bool ZR_PageBitmap::Test(uint64_t iPage) const { return iPage < m_iPages && (m_aBytes[iPage >> 3] & Mask(iPage)); }
-
 void ZR_PageBitmap::Set(uint64_t iPage) {
-    if (iPage >= m_iPages || (m_aBytes[iPage >> 3] & Mask(iPage))) return;
+    if (iPage >= m_iPages || Test(iPage)) return;
     m_aBytes[iPage >> 3] |= Mask(iPage);
     ++m_iPresent;
 }

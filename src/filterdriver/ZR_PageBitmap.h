@@ -8,6 +8,9 @@
 #include <cstdint>
 #include <vector>
 
+// Bit i of a bitmap in this layout, as the wire's bitmaps are read too.
+inline bool ZR_TestBit(const uint8_t* pBitmap, uint64_t i) { return pBitmap[i >> 3] & (0x80u >> (i & 7)); }
+
 class ZR_PageBitmap {
 public:
     static constexpr uint32_t kPageSize = 8192;
@@ -25,7 +28,7 @@ public:
     const std::vector<uint8_t>& Bytes() const { return m_aBytes; }
 
     // Pages at or past the end count as absent.
-    bool Test(uint64_t iPage) const;
+    bool Test(uint64_t iPage) const { return iPage < m_iPages && ZR_TestBit(m_aBytes.data(), iPage); }
     void Set(uint64_t iPage);
     void SetRange(uint64_t iFirst, uint64_t iCount);
     // The first absent page in [iFirst, iEnd), or iEnd.

@@ -121,8 +121,7 @@ protected:
         ASSERT_NE(pBuffer, nullptr);
         uint64_t iFirst = read.iOffset / kPage, iBase = iFirst & ~uint64_t(7);
         for (uint32_t i = 0; hr == 0 && !read.File.bVirtualBackup && i < read.iLength / kPage; ++i) {
-            uint64_t iBit = iFirst + i - iBase;
-            if (!(read.Bitmap[iBit / 8] & (0x80 >> (iBit % 8))) && !m_NoBackup.count(iFirst + i))
+            if (!ZR_TestBit(read.Bitmap, iFirst + i - iBase) && !m_NoBackup.count(iFirst + i))
                 FillSyntheticPage(pBuffer + uint64_t(i) * kPage, kSeed, kFileId, static_cast<uint32_t>(iFirst + i));
         }
         for (uint32_t i = 0; hr == 0 && read.File.bVirtualBackup && i < read.iLength; ++i)
@@ -146,12 +145,12 @@ protected:
     std::unique_ptr<DriverPortClient> m_pClient;
     std::shared_ptr<ZR_DriverHost> m_pHost;
     // The library's behaviour, set by the tests before they act.
-    std::set<uint64_t> m_NoBackup;      // pages that no backup holds
+    std::set<uint64_t> m_NoBackup;  // pages that no backup holds
     bool m_bHold = false;
-    int32_t m_iReadReply = 0;           // the reply to operation 3
-    int32_t m_iReadResult = 0;          // the completion's hr
-    uint64_t m_iViewSize = 100000;      // operation 5, class 5
-    uint64_t m_iPosition = 0x100000010; // operation 5, class 14
+    int32_t m_iReadReply = 0;            // the reply to operation 3
+    int32_t m_iReadResult = 0;           // the completion's hr
+    uint64_t m_iViewSize = 100000;       // operation 5, class 5
+    uint64_t m_iPosition = 0x100000010;  // operation 5, class 14
 
 private:
     void Answer(const uint8_t* pMessage, ZR_OperationReply* pReply) {

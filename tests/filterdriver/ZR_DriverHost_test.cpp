@@ -26,7 +26,8 @@ TEST_F(DriverHostTest, HeldReadIsReleasedByItsCompletionAndKeepsItsPages) {
     m_bHold = true;
     std::vector<uint8_t> aGot(8 * kPage);
     uint32_t cb = 0;
-    auto reader = std::async(std::launch::async, [&] { return m_pHost->Read(h, 3 * kPage, aGot.data(), 8 * kPage, &cb); });
+    auto reader =
+        std::async(std::launch::async, [&] { return m_pHost->Read(h, 3 * kPage, aGot.data(), 8 * kPage, &cb); });
     ZR_ReadOperation read = NextHeldRead();
     EXPECT_EQ(read.File.iFileKey, kFileKey);
     EXPECT_EQ(read.File.bVirtualBackup, 0u);
@@ -101,7 +102,8 @@ TEST_F(DriverHostTest, StopOrALibraryThatGoesAwayReleasesHeldReads) {
         m_bHold = true;
         std::vector<uint8_t> aGot(kPage);
         uint32_t cb = 0;
-        auto reader = std::async(std::launch::async, [&] { return m_pHost->Read(h, 9 * kPage, aGot.data(), kPage, &cb); });
+        auto reader =
+            std::async(std::launch::async, [&] { return m_pHost->Read(h, 9 * kPage, aGot.data(), kPage, &cb); });
         NextHeldRead();
         if (c.iExpected == kHostNotConnected)
             m_pClient->DisconnectOperations();
@@ -128,11 +130,11 @@ TEST_F(DriverHostTest, BitmapSurvivesARestartButNeverRunsAheadOfItsPages) {
     // A page whose write failed is given to the reader but not marked.
     {
         zr::platform::testing::ScopedFileCalls restore;
-        zr::platform::testing::ReplaceFileCall(&FileCalls::WriteFile,
-                                               +[](HANDLE, LPCVOID, DWORD, LPDWORD, LPOVERLAPPED) -> BOOL {
-                                                   SetLastError(ERROR_DISK_FULL);
-                                                   return FALSE;
-                                               });
+        zr::platform::testing::ReplaceFileCall(
+            &FileCalls::WriteFile, +[](HANDLE, LPCVOID, DWORD, LPDWORD, LPOVERLAPPED) -> BOOL {
+                SetLastError(ERROR_DISK_FULL);
+                return FALSE;
+            });
         EXPECT_EQ(ReadPages(h, 16, 8), Expected(16, 8));
     }
     EXPECT_EQ(m_pHost->Flush(h), kHostSuccess);

@@ -55,7 +55,8 @@ protected:
         return range;
     }
     HRESULT Hydrate(const uint8_t* pPages, uint32_t iFirstPage, uint32_t iCount, uint32_t iMode,
-                    ZR_CompletionHeader* pHeader = nullptr, const uint8_t* pBitmap = nullptr, uint32_t* pcbTaken = nullptr) {
+                    ZR_CompletionHeader* pHeader = nullptr, const uint8_t* pBitmap = nullptr,
+                    uint32_t* pcbTaken = nullptr) {
         ZR_HydratePagesMessage msg{};
         msg.iCode = DRIVER_COMMAND_HYDRATE_PAGES;
         msg.Uniquifier = m_Uniquifier;
@@ -171,13 +172,18 @@ TEST_F(HydrationTest, BitmapOnDiskIsUsedOnlyWhenItIsSound) {
     struct Case {
         const char* szWhat;
         std::function<void()> damage;
-        uint32_t iFirstExtent;    // of the answer to command 8 after the restart
+        uint32_t iFirstExtent;  // of the answer to command 8 after the restart
         uint64_t iHydratedBytes;
     };
     const Case aCases[] = {
         {"untouched", [] {}, 3, 16 * kPage},
         {"the newest store torn", [&] { flipInSlot(newestSlot(), kBitmapSlotHead + 2); }, 2, 8 * kPage},
-        {"both slots damaged", [&] { flipInSlot(0, 40); flipInSlot(1, 40); }, 0, 0},
+        {"both slots damaged",
+         [&] {
+             flipInSlot(0, 40);
+             flipInSlot(1, 40);
+         },
+         0, 0},
         {"the sparse file resized", [&] { std::filesystem::resize_file(sparse, (kFilePages + 8) * kPage); }, 1, 0},
         {"the sparse file gone", [&] { std::filesystem::remove(sparse); }, 1, 0},
     };
@@ -187,7 +193,8 @@ TEST_F(HydrationTest, BitmapOnDiskIsUsedOnlyWhenItIsSound) {
         ReadPages(m_h, 8, 8);
         ASSERT_EQ(m_pHost->Flush(m_h), kHostSuccess);
         ReadPages(m_h, 16, 8);
-        ASSERT_EQ(m_pHost->Flush(m_h), kHostSuccess);  // both slots written
+        ZR_FlushMountCachesMessage flush{DRIVER_COMMAND_FLUSH_MOUNT_CACHES, u"guid=abc"};
+        ASSERT_EQ(m_pClient->Control(&flush, 2 * 8 + 6), S_OK);  // both slots written
         Restart(true);
         c.damage();
         Open();
@@ -197,7 +204,7 @@ TEST_F(HydrationTest, BitmapOnDiskIsUsedOnlyWhenItIsSound) {
         EXPECT_EQ(m_pHost->Close(m_h, true), kHostSuccess);  // the next case starts afresh
         Restart(true);
     }
-    EXPECT_NE(ErrorTextNarrow().find("fails its check"), std::string::npos) << ErrorTextNarrow();
+    EXPECT_NE(ErrorTextNarrow(L"GUID=ABC").find("fails its check"), std::string::npos) << ErrorTextNarrow(L"GUID=ABC");
 }
 
 TEST(FileNameTable, VirtualNamesGiveTheSparseFileTheLibraryNames) {
@@ -257,8 +264,8 @@ TEST(HostStatus, ErrnoOfEachFamilyOfResults) {
         uint32_t iStatus;
         int iErrno;
     };
-    const Case aCases[] = {{0, 0},          {0xC0000034, ENOENT}, {0xC00000B5, ETIMEDOUT}, {0x80070005, EACCES},
-                           {2, ENOENT},     {23, EIO},            {0xC0000420, EIO},       {0x8007000E, ENOMEM}};
+    const Case aCases[] = {{0, 0},    {0xC0000034, ENOENT}, {0xC00000B5, ETIMEDOUT}, {0x80070005, EACCES}, {2, ENOENT},
+                           {23, EIO}, {0xC0000420, EIO},    {0x8007000E, ENOMEM}};
     for (const Case& c : aCases)
         EXPECT_EQ(ZR_HostStatusToErrno(static_cast<ZR_HostStatus>(c.iStatus)), c.iErrno) << std::hex << c.iStatus;
 }

@@ -39,8 +39,8 @@ DriverPortClient::DriverPortClient(Handler handler, int iRequests) : m_Handler(s
     m_hCompletion = CreateIoCompletionPort(m_hOperation, nullptr, 0, 16);
     m_aRequests.assign(iRequests, std::vector<uint8_t>(kOperationRequestSize, 0));
     for (std::vector<uint8_t>& request : m_aRequests)
-        FilterGetMessage(m_hOperation, reinterpret_cast<PFILTER_MESSAGE_HEADER>(request.data()),
-                         kOperationMessageSize, OverlappedOf(request));
+        FilterGetMessage(m_hOperation, reinterpret_cast<PFILTER_MESSAGE_HEADER>(request.data()), kOperationMessageSize,
+                         OverlappedOf(request));
     m_Thread = std::thread(&DriverPortClient::Serve, this);
 }
 

@@ -32,7 +32,6 @@ public:
     DriverPortClient(const DriverPortClient&) = delete;
     DriverPortClient& operator=(const DriverPortClient&) = delete;
 
-
     HRESULT Control(const void* pIn, DWORD cbIn, void* pOut = nullptr, DWORD cbOut = 0, DWORD* pcbOut = nullptr);
     HRESULT Trace(const void* pIn, DWORD cbIn, void* pOut = nullptr, DWORD cbOut = 0, DWORD* pcbOut = nullptr);
     // Command 13: the address of a read's buffer; null when refused.
