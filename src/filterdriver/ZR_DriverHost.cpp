@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
-#include <cwctype>
+#include <cwchar>
 
 #include "diag/ZR_Error.h"
 #include "filterdriver/ZR_FilterDriver.h"
@@ -16,10 +16,7 @@ constexpr size_t kNameChars = 260;  // a name field of an operation, with its te
 
 bool EndsWith(const std::wstring& str, const wchar_t* wszTail) {
     size_t cch = wcslen(wszTail);
-    if (str.size() < cch) return false;
-    for (size_t i = 0; i < cch; ++i)
-        if (std::towlower(str[str.size() - cch + i]) != static_cast<wint_t>(wszTail[i])) return false;
-    return true;
+    return str.size() >= cch && _wcsicmp(str.c_str() + str.size() - cch, wszTail) == 0;
 }
 
 bool IsVirtualBackupName(const std::wstring& strName) {

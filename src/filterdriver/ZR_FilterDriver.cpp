@@ -2,7 +2,7 @@
 
 #include <chrono>
 #include <cstring>
-#include <cwctype>
+#include <iterator>
 #include <new>
 
 #include "diag/ZR_Error.h"
@@ -42,12 +42,6 @@ HRESULT Guarded(F call) {
 }
 
 uint32_t Word(const uint8_t* p, size_t iOffset) { return ZR_Load<uint32_t>(p + iOffset); }
-
-bool SameKey(const std::wstring& a, const std::wstring& b) {
-    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](wchar_t x, wchar_t y) {
-               return std::towlower(x) == std::towlower(y);
-           });
-}
 
 }  // namespace
 
@@ -345,6 +339,6 @@ HRESULT ZR_FilterDriver::HydratePages(const uint8_t* pIn, DWORD cbIn, void* pOut
 HRESULT ZR_FilterDriver::FlushMount(const uint8_t* pIn, DWORD cbIn) {
     std::wstring strKey = Utf16Decode(pIn + 4, cbIn - 4);
     for (const std::shared_ptr<ZR_DataFile>& pFile : m_Files.All())
-        if (SameKey(pFile->Names().strKey, strKey)) pFile->Flush();  // a failure is in the error chain
+        if (_wcsicmp(pFile->Names().strKey.c_str(), strKey.c_str()) == 0) pFile->Flush();  // a failure is in the error chain
     return S_OK;
 }
