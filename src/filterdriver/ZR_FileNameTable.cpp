@@ -94,8 +94,3 @@ void ZR_FileNameTable::Clear() {
     std::lock_guard guard(m_lock);
     m_Entries.clear();
 }
-
-size_t ZR_FileNameTable::Count() {
-    std::lock_guard guard(m_lock);
-    return m_Entries.size();
-}

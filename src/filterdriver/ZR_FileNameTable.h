@@ -35,7 +35,6 @@ public:
     // The entry whose name A is wszName, compared without regard to case.
     bool Find(const wchar_t* wszName, ZR_FileNameEntry* pOut);
     void Clear();
-    size_t Count();
 
     // Splits a name B into key, number and kind; false if it has not the
     // form "<drive>:\<key>!<n>.mxf" (or ".nxf", any case).

@@ -11,7 +11,6 @@
 
 #include "filterdriver/DriverTestBase.h"
 #include "foundation/Utf16.h"
-#include "mount/ZR.h"
 #include "platform/win32.h"
 #include "support/ErrorText.h"
 #include "zirlane/zirlane.h"
