@@ -1,11 +1,25 @@
 // The exported entries of the library's life and of a mount.
 #include <cstdlib>
 #include <cwchar>
+#include <iterator>
+#include <list>
+#include <string>
 
 #include "diag/Trace.h"
+#include "driver/ZR_DriverCommands.h"
 #include "mount/ZR.h"
-#include "mount/ZR_ControlPort.h"
 #include "zirlane/zirlane.h"
+
+namespace {
+
+// The WITH options of statement i (0 the full backup), or none.
+const std::list<std::wstring>& WithOfStatement(ZR_MountInfo* pInfo, size_t i) {
+    static const std::list<std::wstring> kNone;
+    if (i >= pInfo->m_aWith.size()) return kNone;
+    return *std::next(pInfo->m_aWith.begin(), static_cast<long>(i));
+}
+
+}  // namespace
 
 ZR_API bool InitializeZR(int iUnused) {
     ZR::Initialize();
@@ -33,14 +47,16 @@ ZR_API bool WrapMount(ZR_MountInfo* pInfo, wchar_t* wszKeyOut, unsigned int cchK
     }
     wchar_t* wszKey = nullptr;
     const bool bMounted = pZR->Mount(pInfo, &wszKey);
-    if (wszKey) {
-        // Also after a failure: the caller asks for the errors by this key.
-        // A buffer shorter than the key gets no terminator.
-        wcsncpy(wszKeyOut, wszKey, cchKeyOut);
-        free(wszKey);
+    // Also after a failure: the caller asks for the errors by this key. A
+    // buffer shorter than the key gets no terminator.
+    if (wszKey) wcsncpy(wszKeyOut, wszKey, cchKeyOut);
+    if (bMounted) {
+        // The driver learns which paths SQL Server will open and what to show
+        // there, before any statement of the mount runs.
+        pZR->SendFilterFileNamesForFull(pInfo->GetTargetDatabase(), wszKey, WithOfStatement(pInfo, 0),
+                                        pInfo->GetRestart());
+        pZR->SendFilterFileNamesForDiff(pInfo->GetTargetDatabase(), wszKey, WithOfStatement(pInfo, 1));
     }
-    // The data file names of the mount go to the driver here once the
-    // naming of virtual data files is part of the library; until then no
-    // mount gets this far, since no backup content can be prepared.
+    free(wszKey);
     return bMounted;
 }
