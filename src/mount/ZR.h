@@ -139,8 +139,8 @@ public:
     // --- end of the data file names ---
 
     static int g_iNumCPUs;
-    static wchar_t g_wszSparseFilesFolder[MAX_PATH];          // empty at load
-    static wchar_t (&g_wszMapFilesFolder)[MAX_PATH];          // the map files' folder (maps/X_MapFile.h)
+    static wchar_t g_wszSparseFilesFolder[MAX_PATH];  // empty at load
+    static wchar_t (&g_wszMapFilesFolder)[MAX_PATH];  // the map files' folder (maps/X_MapFile.h)
 
 private:
     friend struct ZR_TestAccess;  // tests reach the private mounts

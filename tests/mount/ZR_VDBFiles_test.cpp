@@ -200,9 +200,16 @@ TEST_F(MountFiles, CleanupRemovesTheFilesNoMountUses) {
     for (const auto& entry : fs::directory_iterator(Maps())) mapsInUse.insert(entry.path());
     ASSERT_FALSE(mapsInUse.empty());
 
-    // The driver names the mount's sparse file with either separator.
+    // The driver names the mount's sparse files with either separator. Once
+    // it has announced as many as the differential has data files, all are
+    // open.
     const fs::path used = Sparse() / (Key() + "!1.mcf");
-    pDB->AssociateDataFile(1, 77, FileObjectUniquifier{{1, 2, 3, 4}}, used.wstring().c_str());
+    EXPECT_FALSE(pDB->AllDataFilesOpened());
+    for (const zrtest::MtfSqlFile& f : FileRecords("RestoreTimeClean2.bak"))
+        if (f.fileType == 1)
+            pDB->AssociateDataFile(static_cast<uint16_t>(f.fileId), 77, FileObjectUniquifier{{1, 2, 3, 4}},
+                                   f.fileId == 1 ? used.wstring().c_str() : L"other.ncf");
+    EXPECT_TRUE(pDB->AllDataFilesOpened());
     for (const fs::path& p : {used, Sparse() / "GONE!1.mcf", Sparse() / "GONE!2.LCF", Sparse() / "keep.txt",
                               Maps() / "young.xcm"})
         std::ofstream(p) << "x";
