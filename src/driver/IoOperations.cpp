@@ -196,7 +196,8 @@ DWORD IoOperations::ServeRequests() {
         if (!bDone) {
             const DWORD iError = GetLastError();
             if (iError == ERROR_ABANDONED_WAIT_0) break;  // the port is closed
-            if (iError != WAIT_TIMEOUT && g_iTraceMode) TraceLine("operationThreadProc GetQueuedCompletionStatus failed\n");
+            if (iError != WAIT_TIMEOUT && g_iTraceMode)
+                TraceLine("operationThreadProc GetQueuedCompletionStatus failed\n");
             continue;
         }
         if (iBytes == 0) break;
@@ -275,7 +276,8 @@ void* IoOperations::MapReadBuffer(uint64_t iBufferKey) {
     ZR_MapReadBufferMessage message{DRIVER_COMMAND_MAP_READ_BUFFER, iBufferKey};
     uint64_t iAddress = 0;
     DWORD iReturned = 0;
-    const HRESULT hr = FilterSendMessage(m_Port.hPort, &message, sizeof message, &iAddress, sizeof iAddress, &iReturned);
+    const HRESULT hr =
+        FilterSendMessage(m_Port.hPort, &message, sizeof message, &iAddress, sizeof iAddress, &iReturned);
     return hr == S_OK && iReturned == sizeof iAddress ? reinterpret_cast<void*>(iAddress) : nullptr;
 }
 

@@ -66,8 +66,9 @@ HRESULT FakeDriver::MapReadBuffer(const void* pIn, DWORD cbIn, void* pOut, DWORD
     ZR_MapReadBufferMessage message{};
     if (cbIn != sizeof message || cbOut != sizeof(std::uint64_t)) return E_INVALIDARG;
     std::memcpy(&message, pIn, sizeof message);
+    const std::uint64_t iBufferKey = message.iBufferKey;  // packed: read by value
     std::lock_guard<std::mutex> lock(m_lock);
-    const auto it = m_buffers.find(message.iBufferKey);
+    const auto it = m_buffers.find(iBufferKey);
     const std::uint64_t iAddress = it == m_buffers.end() ? 0 : reinterpret_cast<std::uint64_t>(it->second);
     std::memcpy(pOut, &iAddress, sizeof iAddress);
     *pcbReturned = sizeof iAddress;
