@@ -1,25 +1,11 @@
 // The exported entries of the library's life and of a mount.
 #include <cstdlib>
 #include <cwchar>
-#include <iterator>
-#include <list>
-#include <string>
 
 #include "diag/Trace.h"
 #include "driver/ZR_DriverCommands.h"
 #include "mount/ZR.h"
 #include "zirlane/zirlane.h"
-
-namespace {
-
-// The WITH options of statement i (0 the full backup), or none.
-const std::list<std::wstring>& WithOfStatement(ZR_MountInfo* pInfo, size_t i) {
-    static const std::list<std::wstring> kNone;
-    if (i >= pInfo->m_aWith.size()) return kNone;
-    return *std::next(pInfo->m_aWith.begin(), static_cast<long>(i));
-}
-
-}  // namespace
 
 ZR_API bool InitializeZR(int iUnused) {
     ZR::Initialize();
@@ -53,9 +39,9 @@ ZR_API bool WrapMount(ZR_MountInfo* pInfo, wchar_t* wszKeyOut, unsigned int cchK
     if (bMounted) {
         // The driver learns which paths SQL Server will open and what to show
         // there, before any statement of the mount runs.
-        pZR->SendFilterFileNamesForFull(pInfo->GetTargetDatabase(), wszKey, WithOfStatement(pInfo, 0),
+        pZR->SendFilterFileNamesForFull(pInfo->GetTargetDatabase(), wszKey, pInfo->GetWith(0),
                                         pInfo->GetRestart());
-        pZR->SendFilterFileNamesForDiff(pInfo->GetTargetDatabase(), wszKey, WithOfStatement(pInfo, 1));
+        pZR->SendFilterFileNamesForDiff(pInfo->GetTargetDatabase(), wszKey, pInfo->GetWith(1));
     }
     free(wszKey);
     return bMounted;
