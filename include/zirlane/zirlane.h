@@ -24,6 +24,24 @@ typedef struct ZR_MountInfo ZR_MountInfo;
 
 /* Sets up the trace (switched off) and the library object. Always true. */
 ZR_API bool InitializeZR(int iUnused);
+/* Starts the service that answers the filter driver's requests (after
+   InitializeZR and IOAttachVolume), then tells the driver it started. A later
+   call retries what did not come up. Always true: the trace tells whether
+   the service runs. wszFolder names the service's folder. */
+ZR_API bool InitializeIOOperations(const wchar_t* wszFolder);
+/* Adds a volume for the driver to attach to when the service starts; call
+   it before InitializeIOOperations. Always true. */
+ZR_API bool IOAttachVolume(const wchar_t* wszVolume);
+/* Asks the driver to forget the file names of past mounts. */
+ZR_API void CleanupFilterNames(void);
+
+/* ---- Settings passed on to the driver ------------------------------------ */
+
+/* The driver's own thread count, clamped to 1 to 64. Nothing is sent while
+   the driver is not there. */
+ZR_API void SetNumAsyncDriverThreads(unsigned int iThreads);
+/* The number of I/Os the driver keeps track of. */
+ZR_API void SetDriverNumActiveIOTracking(unsigned int iIOs);
 
 /* ---- Building a mount request ------------------------------------------ */
 

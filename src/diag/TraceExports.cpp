@@ -5,18 +5,11 @@
 
 #include "diag/Format.h"
 #include "diag/Trace.h"
+#include "driver/DriverMessages.h"
 #include "platform/fltuser.h"
 #include "zirlane/zirlane.h"
 
 namespace {
-
-constexpr wchar_t kTracePortName[] = L"\\KelpbakMVTracePort";
-
-enum DriverTraceCommand_e : uint32_t {
-    DRIVER_COMMAND_TRACE_ENABLE = 1,
-    DRIVER_COMMAND_TRACE_DISABLE = 2,
-    DRIVER_COMMAND_TRACE_CAPTURE = 3,
-};
 
 // Wide texts given to ZRDbgTrace are cut to this many bytes of narrow text.
 constexpr size_t kDbgTraceTextMax = 511;
@@ -57,14 +50,14 @@ ZR_API void SetServiceTracePath(const wchar_t* wszPath) { SetTracePath(wszPath);
 
 ZR_API bool EnableDriverTrace(void) {
     g_bIOInstanceLog = true;
-    const uint32_t message[3] = {DRIVER_COMMAND_TRACE_ENABLE, kTraceRingSize, kTraceNoLimit};
-    return SendTracePortMessage(message, sizeof message, nullptr, 0, nullptr) == S_OK;
+    const ZR_TraceMessage message{DRIVER_COMMAND_TRACE_ENABLE, kDriverTraceRingSize, kTraceNoLimit};
+    return SendTracePortMessage(&message, sizeof message, nullptr, 0, nullptr) == S_OK;
 }
 
 ZR_API bool DisableDriverTrace(void) {
     g_bIOInstanceLog = false;
-    const uint32_t message[1] = {DRIVER_COMMAND_TRACE_DISABLE};
-    return SendTracePortMessage(message, sizeof message, nullptr, 0, nullptr) == S_OK;
+    const ZR_CodeOnlyMessage message{DRIVER_COMMAND_TRACE_DISABLE};
+    return SendTracePortMessage(&message, sizeof message, nullptr, 0, nullptr) == S_OK;
 }
 
 // The reply's length is not passed on: the buffer is the driver's trace as
@@ -73,11 +66,11 @@ ZR_API void* CaptureDriverTrace(void) {
     HANDLE hPort = nullptr;
     if (FAILED(FilterConnectCommunicationPort(kTracePortName, 0, nullptr, 0, nullptr, &hPort)))
         return nullptr;
-    void* pReply = std::calloc(kTraceRingSize, 1);
+    void* pReply = std::calloc(kDriverTraceRingSize, 1);
     if (pReply) {
-        const uint32_t message[3] = {DRIVER_COMMAND_TRACE_CAPTURE, kTraceRingSize, 0};
+        ZR_TraceMessage message{DRIVER_COMMAND_TRACE_CAPTURE, kDriverTraceRingSize, 0};
         DWORD cbReturned = 0;
-        FilterSendMessage(hPort, const_cast<uint32_t*>(message), sizeof message, pReply, kTraceRingSize, &cbReturned);
+        FilterSendMessage(hPort, &message, sizeof message, pReply, kDriverTraceRingSize, &cbReturned);
     }
     CloseHandle(hPort);
     return pReply;

@@ -5,10 +5,27 @@
 #include "diag/Trace.h"
 #include "diag/ZR_Error.h"
 #include "engine/OwnedString.h"
+#include "maps/ZR_CMaps.h"
 
 namespace {
 
 uint32_t NowSeconds() { return static_cast<uint32_t>(_time64(nullptr)); }
+
+// Paths compare without regard to case, and with '\' and '/' as one
+// separator: the driver and the library may write the same sparse file's
+// path with either.
+bool SamePath(const wchar_t* a, const wchar_t* b) {
+    auto fold = [](wchar_t c) { return c == L'/' ? L'\\' : static_cast<wchar_t>(towlower(static_cast<wint_t>(c))); };
+    for (; *a && *b; ++a, ++b)
+        if (fold(*a) != fold(*b)) return false;
+    return *a == *b;
+}
+
+// A file that still counts for the mount: announced with a key and an
+// identity, and not deleted by SQL Server.
+bool IsLiveDataFile(const ZR_File* pFile) {
+    return pFile && !pFile->m_bClosed && pFile->m_iMountFileKey != 0 && IsUniquifierSet(pFile->m_Uniquifier);
+}
 
 }  // namespace
 
@@ -158,7 +175,7 @@ ZR_File* ZR_Database::FindDataFile(const wchar_t* wszPath) {
     m_DataFiles.Lock();
     for (int i = 1; i < static_cast<int>(m_DataFiles); ++i) {
         ZR_File* pFile = m_DataFiles(i);
-        if (pFile && pFile->m_pwszPath && _wcsicmp(pFile->m_pwszPath, wszPath) == 0) pFound = pFile;
+        if (pFile && pFile->m_pwszPath && SamePath(pFile->m_pwszPath, wszPath)) pFound = pFile;
     }
     m_DataFiles.Unlock();
     return pFound;
@@ -176,6 +193,65 @@ void ZR_Database::RemoveDataFile(uint16_t iFileId) {
     m_DataFiles.Lock();
     if (m_DataFiles.Exists(iFileId) && m_DataFiles(iFileId)) m_DataFiles.Clear(iFileId);
     m_DataFiles.Unlock();
+}
+
+void ZR_Database::DeleteFileW(uint16_t iFileId) {
+    if (g_iTraceMode) TraceLine("ZR_Database::DeleteFileW(%u)\n", iFileId);
+    m_DataFiles.Lock();
+    ZR_File* pDeleted = m_DataFiles.Exists(iFileId) ? m_DataFiles(iFileId) : nullptr;
+    bool bAnyLeft = false;
+    if (pDeleted) {
+        pDeleted->m_bClosed = 1;
+        for (int i = 1; i < static_cast<int>(m_DataFiles) && !bAnyLeft; ++i) bAnyLeft = IsLiveDataFile(m_DataFiles(i));
+    }
+    m_DataFiles.Unlock();
+    if (pDeleted && !bAnyLeft) CancelHydration(true);
+}
+
+bool ZR_Database::AllDataFilesOpened() {
+    ZR_Backup* pBackup = GetDiff() ? GetDiff() : GetFull();
+    int iExpected = 0;
+    if (pBackup && pBackup->m_pCMaps) {
+        AP<SQL_FILE_INFO_V7>& aFiles = pBackup->m_pCMaps->m_ConfigMSCI.m_Files;
+        for (int i = 0; i < static_cast<int>(aFiles); ++i)
+            if (const SQL_FILE_INFO_V7* pRecord = aFiles(i); pRecord && pRecord->m_file_type == SQL_FILE_DATABASE)
+                ++iExpected;
+    }
+    int iPresent = 0;
+    m_DataFiles.Lock();
+    for (int i = 1; i < static_cast<int>(m_DataFiles); ++i)
+        if (m_DataFiles(i)) ++iPresent;
+    m_DataFiles.Unlock();
+    return iPresent >= iExpected;
+}
+
+ZR_Backup* ZR_Database::FindBackupFile(HANDLE hFile, int* piFile) {
+    *piFile = -1;
+    ZR_Backup* pFound = nullptr;
+    m_Backups.Lock();
+    if (m_iFirstBackupReadTime == 0) m_iFirstBackupReadTime = NowSeconds();
+    ++m_iVirtualizedBackupAccesses;
+    for (int i = 0; i < GetNumBackups() && !pFound; ++i) {
+        ZR_Backup* pBackup = GetBackup(i);
+        const int iFile = pBackup ? pBackup->FindVirtualFile(hFile) : -1;
+        if (iFile >= 0) {
+            pFound = pBackup;
+            *piFile = iFile;
+        }
+    }
+    m_Backups.Unlock();
+    return pFound;
+}
+
+void ZR_Database::CancelHydration(bool bDatabaseWasDeleted) {
+    if (bDatabaseWasDeleted) m_bDatabaseWasDeleted = true;
+    m_bCancel = true;
+}
+
+void ZR_Database::RaiseState(int32_t iState) {
+    int32_t iOld = m_eState;
+    while (iOld < iState && !m_eState.compare_exchange_weak(iOld, iState)) {
+    }
 }
 
 void ZR_Database::SetState(int32_t iState) {

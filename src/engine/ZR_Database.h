@@ -8,6 +8,7 @@
 // before it.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 #include "backup/ZR_Backup.h"
@@ -70,9 +71,36 @@ public:
     void RemoveDataFile(uint16_t iFileId);
     // Slots of the table, slot 0 included (it is never used).
     int GetNumDataFileSlots() { return static_cast<int>(m_DataFiles); }
+    // SQL Server deleted the file of iFileId: it is marked closed, and when no
+    // file with an association is left the database is going away
+    // (CancelHydration(true)). Nothing for an empty slot.
+    void DeleteFileW(uint16_t iFileId);
+    // True once the driver has announced as many files as the content map of
+    // the differential (or, without one, of the full backup) has data files.
+    bool AllDataFilesOpened();
+    // Which backup owns this virtual backup file handle; *piFile receives the
+    // index of the file in it, -1 when none does. Notes the first search and
+    // counts every one. Any service thread; takes the lock of the chain.
+    ZR_Backup* FindBackupFile(HANDLE hFile, int* piFile);
+
+    // Puts a read of a data file on the live I/O queue: iBytes at iOffset of
+    // the file of iFileId into pBuffer, for the pages that pBitmap does not
+    // mark present. The read completes on a live I/O thread through
+    // sendReadCompletion(pOpId, iBufferKey, pBuffer, hr). False: not queued.
+    bool AddLiveIOEntry(void* pOpId, void* pBuffer, uint32_t iFileId, uint64_t iOffset, uint32_t iBytes,
+                        const uint8_t* pBitmap, void* iBufferKey);
+
+    // Ends hydration for good: m_bCancel is never cleared. bDatabaseWasDeleted
+    // adds to m_bDatabaseWasDeleted. For now it only sets the two flags;
+    // ending and waiting for the hydration threads comes with hydration.
+    void CancelHydration(bool bDatabaseWasDeleted);
+    bool GetDatabaseWasDeleted() { return m_bDatabaseWasDeleted; }
 
     void SetState(int32_t iState);
     int32_t GetState() { return m_eState; }
+    // Moves the state to iState if it stands below it, in one atomic step
+    // (service threads do this while others read the state).
+    void RaiseState(int32_t iState);
     GUID GetGuid() { return m_Guid; }
 
     // Each frees the old string and keeps a copy of the new one.
@@ -90,7 +118,9 @@ public:
     void StampMountTime();
 
     int32_t m_iSQLVersion = 0;       // shared by the backups, set as they are prepared
-    int32_t m_eState = ZR_VDB_STATE_NEW;
+    std::atomic<int32_t> m_eState{ZR_VDB_STATE_NEW};
+    std::atomic<bool> m_bCancel{false};               // hydration is to end now; never cleared
+    std::atomic<bool> m_bDatabaseWasDeleted{false};   // the last data file was deleted
     int32_t m_eHydrationMode = ZR_HYDRATE_DATA_FILE;
     uint8_t m_bHydrationPaused = 0;
     wchar_t* m_pwszMountKey = nullptr;        // owned; the context of every error of this mount
@@ -104,6 +134,8 @@ public:
     CRITICAL_SECTION m_cs;
     uint32_t m_iMountPrepareStartTime = 0;
     uint32_t m_iMountPrepareDoneTime = 0;
+    uint32_t m_iFirstBackupReadTime = 0;        // first search for a virtual backup file; under the chain's lock
+    int32_t m_iVirtualizedBackupAccesses = 0;   // searches for one; under the chain's lock
 
 private:
     bool HasKindOfSlot(ZR_Backup* pBackup, int iSlot);

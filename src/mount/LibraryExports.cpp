@@ -3,8 +3,8 @@
 #include <cwchar>
 
 #include "diag/Trace.h"
+#include "driver/ZR_DriverCommands.h"
 #include "mount/ZR.h"
-#include "mount/ZR_ControlPort.h"
 #include "zirlane/zirlane.h"
 
 ZR_API bool InitializeZR(int iUnused) {
@@ -33,14 +33,16 @@ ZR_API bool WrapMount(ZR_MountInfo* pInfo, wchar_t* wszKeyOut, unsigned int cchK
     }
     wchar_t* wszKey = nullptr;
     const bool bMounted = pZR->Mount(pInfo, &wszKey);
-    if (wszKey) {
-        // Also after a failure: the caller asks for the errors by this key.
-        // A buffer shorter than the key gets no terminator.
-        wcsncpy(wszKeyOut, wszKey, cchKeyOut);
-        free(wszKey);
+    // Also after a failure: the caller asks for the errors by this key. A
+    // buffer shorter than the key gets no terminator.
+    if (wszKey) wcsncpy(wszKeyOut, wszKey, cchKeyOut);
+    if (bMounted) {
+        // The driver learns which paths SQL Server will open and what to show
+        // there, before any statement of the mount runs.
+        pZR->SendFilterFileNamesForFull(pInfo->GetTargetDatabase(), wszKey, pInfo->GetWith(0),
+                                        pInfo->GetRestart());
+        pZR->SendFilterFileNamesForDiff(pInfo->GetTargetDatabase(), wszKey, pInfo->GetWith(1));
     }
-    // The data file names of the mount go to the driver here once the
-    // naming of virtual data files is part of the library; until then no
-    // mount gets this far, since no backup content can be prepared.
+    free(wszKey);
     return bMounted;
 }

@@ -7,14 +7,16 @@
 #include "diag/Trace.h"
 #include "diag/ZR_Error.h"
 #include "engine/OwnedString.h"
+#include "driver/IoOperations.h"
+#include "driver/ZR_DriverCommands.h"
 #include "filterdriver/ZR_FilterDriver.h"
-#include "mount/ZR_ControlPort.h"
+#include "maps/X_MapFile.h"
 #include "mount/ZR_MountSteps.h"
 
 ZR* ZR::g_pZR = nullptr;
 int ZR::g_iNumCPUs = 0;
-wchar_t* ZR::g_wszSparseFilesFolder = nullptr;
-wchar_t* ZR::g_wszMapFilesFolder = nullptr;
+wchar_t ZR::g_wszSparseFilesFolder[MAX_PATH] = {};
+wchar_t (&ZR::g_wszMapFilesFolder)[MAX_PATH] = ::g_wszMapFilesFolder;
 
 namespace {
 
@@ -38,13 +40,6 @@ ZR_Backup* NewBackupOfType(ZR_Database* pDB, ZR_BackupType_e eType) {
 
 bool IsKnownBackupType(ZR_BackupType_e eType) {
     return eType == ZR_BACKUP_FULL || eType == ZR_BACKUP_DIFF || eType == ZR_BACKUP_LOG;
-}
-
-// A request without a key is known by its database's GUID, so a request
-// without a GUID gets the one the database has just made.
-void MakeGuidKey(const GUID& g, wchar_t* wszKey, size_t cchKey) {
-    swprintf(wszKey, cchKey, L"GUID=%08X-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X", g.Data1, g.Data2, g.Data3,
-             g.Data4[0], g.Data4[1], g.Data4[2], g.Data4[3], g.Data4[4], g.Data4[5], g.Data4[6], g.Data4[7]);
 }
 
 bool ContainsMark(const wchar_t* wszUpper, const wchar_t* wszMark) { return wcsstr(wszUpper, wszMark) != nullptr; }
@@ -94,10 +89,10 @@ bool ZR::Mount(ZR_MountInfo* pInfo, wchar_t** ppwszKey) {
     std::wstring strKey = pInfo->GetMountKey() ? pInfo->GetMountKey() : L"";
     if (g_iTraceMode) TraceLine("if (MountKey.IsEmpty()) {\n");
     if (strKey.empty()) {
-        wchar_t wszKey[64];
-        MakeGuidKey(pDB->GetGuid(), wszKey, 64);
-        strKey = wszKey;
-        if (g_iTraceMode) TraceLine("ZR::Mount: Key = \"%S\"\n", wszKey);
+        // Known by its database's GUID, so a request without a GUID gets the
+        // one the database has just made.
+        strKey = L"GUID=" + ZR_GuidText(pDB->GetGuid());
+        if (g_iTraceMode) TraceLine("ZR::Mount: Key = \"%S\"\n", strKey.c_str());
     }
     pDB->SetMountKey(strKey.c_str());
     pInfo->SetMountKey(strKey.c_str());
@@ -236,6 +231,9 @@ void ZR::Remove(const wchar_t* wszKey) {
 }
 
 void ZR::UninitializeForExit() {
+    // First, and without the library lock, which a request in service may
+    // be waiting for: no request may reach a database destroyed below.
+    IoOperations::Stop();
     if (g_pZR) g_pZR->Lock();
     for (int i = 0; i < static_cast<int>(g_DBs);) {
         if (g_iTraceMode) TraceLine("ZR::UninitializeForExit remove DB index %d from g_DBs\n", i);

@@ -10,13 +10,20 @@
 #pragma once
 
 #include <cstdio>
+#include <list>
+#include <string>
 
+#include "driver/DriverMessages.h"
 #include "engine/ZR_Database.h"
 #include "foundation/XString.h"
 #include "mount/ZR_DatabaseList.h"
 #include "mount/ZR_FileInfo.h"
 #include "mount/ZR_MountInfo.h"
 #include "platform/win32.h"
+
+// The pair the operation service passes to ZR::ReadFile: the file's key in
+// the file collection and whether it is a virtual backup file.
+using FILEINFO = ZR_FileInfoPair;
 
 class ZR {
 public:
@@ -41,7 +48,8 @@ public:
     // Ends the mount of this key if there is one, and drops the recorded
     // errors of the key in any case.
     void Remove(const wchar_t* wszKey);
-    // Destroys every database; the library object stays.
+    // Ends the operation service, then destroys every database; the library
+    // object stays.
     static void UninitializeForExit();
     // No library lock of its own: callers that keep the result take it.
     static ZR_Database* FindDatabase(const wchar_t* wszKey);
@@ -71,9 +79,69 @@ public:
     static wchar_t* GenAttachDatabaseSQL(const wchar_t* wszDatabase, const wchar_t* wszKey);
     // --- end of the statements ---
 
+    // --- File operations of the driver's requests (ZR_FileOperations.cpp) ---
+    // Named after the Windows calls they stand in for; the operation service
+    // calls them on its threads. A virtual backup file's handle is the id in
+    // its .bxk name; a data file's "handle" is its SQL Server file id.
+    //
+    // The handle of a .bxk name (no mount happens: the mount must stand);
+    // INVALID_HANDLE_VALUE with ERROR_FILE_NOT_FOUND for any other name.
+    // Takes the library lock.
+    HANDLE CreateFileW(const wchar_t* wszName);
+    // Links the data file wszFileName, which the driver saw opened under the
+    // virtual name wszVirtualName, with its mount (mounting a Backups name
+    // first); iFileId receives the file number of the name. Always TRUE; an
+    // unknown mount leaves ERROR_FILE_NOT_FOUND as the last error.
+    BOOL AssociateFileW(const wchar_t* wszFileName, const wchar_t* wszVirtualName, DWORD iMountFileKey,
+                        FileObjectUniquifier Uniquifier, DWORD& iFileId);
+    // A read of a virtual backup file is served at once and completed
+    // through sendReadCompletion; a read of a data file goes on the live I/O
+    // queue and completes there. The result is for the driver: 0, or
+    // 0xC0000008 (no such mount or file), 0xC0000017 (not queued),
+    // 0xC0000420 (the read failed). Errors are recorded with a null key.
+    unsigned int ReadFile(FILEINFO Info, void* hFile, void* pBuffer, unsigned int iLength, unsigned char* pBitmap,
+                          unsigned int* piRead, OVERLAPPED* pOverlapped, void* pOpId, void* iBufferKey);
+    // SQL Server deleted a data file. Always TRUE. Takes the library lock.
+    BOOL DeleteFileW(const wchar_t* wszName, DWORD iMountFileKey, DWORD iFileId);
+    // FILE_ATTRIBUTE_ARCHIVE for every name.
+    DWORD GetFileAttributesW(const wchar_t* wszName);
+    // The position of hFile, turned from the real file's into the view's
+    // when hFile is a virtual backup file. plHigh must not be null.
+    DWORD GetFilePointer(void* hFile, LONG* plHigh);
+    BOOL FlushFileBuffers(void* hFile);
+    // The size of the view of a virtual backup file; false for any other handle.
+    bool VirtualBackupStandardInfo(void* hFile, FILE_STANDARD_INFO* pInfo);
+    // The backend and type of a backup file, without a mount.
+    bool BackupFileInfo(const wchar_t* wszName, ZR_BackupFileInfo* pInfo);
+    // --- end of the file operations ---
+
+    // --- Data file names and folders (ZR_VDBFiles.cpp) ---
+    // Copies both folders (each must fit MAX_PATH characters with its
+    // terminator; false, changing nothing, when one does not) and tells the
+    // embedded driver the sparse folder. Before the first mount.
+    static bool SetVDBFolders(const wchar_t* wszSparseFilesFolder, const wchar_t* wszMapFilesFolder);
+    static wchar_t* GetSparseFilesFolder() { return g_wszSparseFilesFolder; }
+    // Appends the sparse files of the mount of wszKey, data and log, in the
+    // order of the file records; nothing for an unknown key.
+    void GetSparseFiles(const wchar_t* wszKey, std::list<std::wstring>& Files);
+    // Appends the virtual names of the data files of every mount.
+    void GetDatabaseFiles(std::list<std::wstring>& Files);
+    // Removes the sparse files that no mount uses, and the map files older
+    // than iDays (any age for 0) that the map pool does not hold.
+    void CleanupVDBFolders(int iDays);
+    // Tells the driver, for each data file of the full backup (or of the
+    // differential), the path SQL Server will open (after the MOVE options of
+    // With) and the virtual name to present it under. Hold no lock of the
+    // collection: these take the library lock.
+    void SendFilterFileNamesForFull(const wchar_t* wszDatabase, const wchar_t* wszKey,
+                                    const std::list<std::wstring>& With, bool bRestart);
+    void SendFilterFileNamesForDiff(const wchar_t* wszDatabase, const wchar_t* wszKey,
+                                    const std::list<std::wstring>& With);
+    // --- end of the data file names ---
+
     static int g_iNumCPUs;
-    static wchar_t* g_wszSparseFilesFolder;  // owned by the setter
-    static wchar_t* g_wszMapFilesFolder;     // owned by the setter
+    static wchar_t g_wszSparseFilesFolder[MAX_PATH];  // empty at load
+    static wchar_t (&g_wszMapFilesFolder)[MAX_PATH];  // the map files' folder (maps/X_MapFile.h)
 
 private:
     friend struct ZR_TestAccess;  // tests reach the private mounts
@@ -89,6 +157,10 @@ private:
 
     bool AddBackups(ZR_Database* pDB, ZR_MountInfo* pInfo);
     bool FinishMount(ZR_Database* pDB);
+    void CleanupVDBFiles(const wchar_t* wszFolder, const wchar_t* wszPattern, int iDays);
+    // Commands 4 for the data files of one backup of the mount; the number
+    // of files sent.
+    int SendFilterFileNames(ZR_Backup* pBackup, const wchar_t* wszKey, const std::list<std::wstring>& With);
 
     CRITICAL_SECTION m_cs;                 // the library lock
     wchar_t* m_wszFilterVolume = nullptr;  // owned

@@ -33,6 +33,17 @@ ZR_Database* ZR_DatabaseList::FindByDataFileName(const wchar_t* wszPath) {
     return FindFirst([&](ZR_Database* pDB) { return pDB->FindDataFile(wszPath) != nullptr; });
 }
 
+ZR_Backup* ZR_DatabaseList::FindByBackupFileHandle(HANDLE hFile, int* piFile) {
+    ZR_Backup* pFound = nullptr;
+    *piFile = -1;
+    FindFirst([&](ZR_Database* pDB) {
+        pDB->RaiseState(ZR_VDB_STATE_DATA_COPY);
+        pFound = pDB->FindBackupFile(hFile, piFile);
+        return pFound != nullptr;
+    });
+    return pFound;
+}
+
 int ZR_DatabaseList::IndexOf(const ZR_Database* pDB) {
     int iFound = -1;
     Lock();

@@ -16,8 +16,13 @@ public:
     ZR_Database* FindByGuid(const GUID& guid);
     // A database with a data file at iFileId whose mount file key is iMountFileKey.
     ZR_Database* FindByMountFileKey(uint32_t iMountFileKey, uint16_t iFileId);
-    // A database with a data file of this name (any case).
+    // A database with a data file of this name (any case, either separator).
     ZR_Database* FindByDataFileName(const wchar_t* wszPath);
+    // The backup that holds this virtual backup file handle, with the file's
+    // index in *piFile (-1 when none). SQL Server reads or queries a virtual
+    // backup file only while it restores, so every database the walk visits,
+    // the one found included, moves up to ZR_VDB_STATE_DATA_COPY.
+    ZR_Backup* FindByBackupFileHandle(HANDLE hFile, int* piFile);
     // The index of the entry, or -1.
     int IndexOf(const ZR_Database* pDB);
 

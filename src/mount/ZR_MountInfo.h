@@ -5,6 +5,7 @@
 // its caller waits), so it has no lock of its own.
 #pragma once
 
+#include <iterator>
 #include <list>
 #include <string>
 
@@ -54,6 +55,12 @@ public:
     bool GetRestart() { return m_bRestart; }
     // There is no way back: a restart stays a restart.
     void SetRestart() { m_bRestart = true; }
+    // The WITH options of restore statement i (0 the full backup); an empty
+    // list when none were given.
+    const std::list<std::wstring>& GetWith(size_t i) {
+        static const std::list<std::wstring> kNone;
+        return i < m_aWith.size() ? *std::next(m_aWith.begin(), static_cast<long>(i)) : kNone;
+    }
 
     ZR_StopInfo m_Stop;
     ZR_BackupInfo* m_pFull = nullptr;

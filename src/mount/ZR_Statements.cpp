@@ -71,10 +71,7 @@ bool AppendVirtualFiles(XString<wchar_t>& strSQL, ZR_Backup* pBackup, const wcha
 // The WITH options the caller gave for statement iStatement (counted from 0),
 // each behind a comma and a line feed, in the order they were given.
 void AppendWithOptions(XString<wchar_t>& strSQL, ZR_MountInfo* pInfo, size_t iStatement) {
-    if (iStatement >= pInfo->m_aWith.size()) return;
-    auto it = pInfo->m_aWith.begin();
-    std::advance(it, static_cast<long>(iStatement));
-    for (const std::wstring& strOption : *it) {
+    for (const std::wstring& strOption : pInfo->GetWith(iStatement)) {
         strSQL += L",";
         strSQL += kNL;
         strSQL += strOption.c_str();

@@ -314,6 +314,14 @@ struct FILE_ALLOCATED_RANGE_BUFFER {
     LARGE_INTEGER FileOffset;
     LARGE_INTEGER Length;
 };
+// What a query of the standard information of a file answers.
+struct FILE_STANDARD_INFO {
+    LARGE_INTEGER AllocationSize;
+    LARGE_INTEGER EndOfFile;
+    DWORD NumberOfLinks;
+    BYTE DeletePending;
+    BYTE Directory;
+};
 
 struct OVERLAPPED {
     ULONG_PTR Internal;

@@ -7,8 +7,7 @@
 #include <vector>
 
 #include "diag/ZR_Error.h"
-#include "filterdriver/ZR_FilterDriver.h"
-#include "mount/ZR_ControlPort.h"
+#include "support/FakeDriver.h"
 #include "mount/ZR_MountStepsTesting.h"
 #include "zirlane/zirlane.h"
 #include "MountTestBase.h"
@@ -304,9 +303,7 @@ TEST_F(MountFlow, WrapMountChecksItsArgumentsAndNeedsTheDriver) {
     EXPECT_EQ(wszKey[0], L'x');  // untouched before the request is checked
     // No driver: the embedded one that InitializeZR started is stopped, and
     // the library's connection to it closed.
-    ZR_FilterDriver::Stop();
-    CloseHandle(g_hControlPort);
-    g_hControlPort = INVALID_HANDLE_VALUE;
+    zrtest::StopEmbeddedDriver();
     EXPECT_FALSE(WrapMount(pInfo, wszKey, 64));
     EXPECT_EQ(wszKey[0], 0);
     EXPECT_TRUE(m_steps.m_aSteps.empty());

@@ -1,0 +1,44 @@
+// The commands the library sends to the filter driver, each on the wire
+// layout of driver/DriverMessages.h, and the control port they mostly travel
+// on.
+//
+// The control port is connected once for the process and kept: an invalid
+// handle means the driver is not there and nothing may be sent on it; every
+// sender tests it first. A driver that loads later is picked up by the next
+// call of OpenControlCommunicationPort (every mount makes one). The trace
+// port commands connect anew for each message and close at once.
+//
+// Every sender may be called by any number of threads at once: each message
+// lives on its caller's stack. The result of FilterSendMessage is returned
+// as it is (0 is the only success); the callers that have no use for it
+// drop it.
+#pragma once
+
+#include <cstdint>
+
+#include "driver/DriverMessages.h"
+#include "platform/win32.h"
+
+extern HANDLE g_hControlPort;  // INVALID_HANDLE_VALUE until connected
+
+// True when the port is open afterwards.
+bool OpenControlCommunicationPort();
+
+// --- On the control port; each fails with E_HANDLE while it is closed ---
+// Command 4: one data file of a mount, the path SQL Server will open
+// (wszPhysical) and the virtual name the driver shows for it. E_INVALIDARG
+// when the two names do not fit the message buffer together.
+HRESULT SendAddFileNames(uint64_t iFileSize, const wchar_t* wszPhysical, const wchar_t* wszVirtual);
+// Command 5: no more names follow; iBytes is 4 (after a differential) or 8.
+HRESULT SendFileNamesDone(DWORD iBytes);
+// Command 16.
+HRESULT SendRestartMount();
+// Command 15, the driver's own thread count; clamped here to 1 to 64.
+HRESULT SendNumThreads(uint32_t iThreads);
+// Command 19, the number of I/Os the driver tracks, as it is.
+HRESULT SendNumIOsToTrack(uint32_t iIOs);
+
+// --- On a new connection to the trace port ---
+// Commands 6 and 17, the code alone.
+HRESULT SendTracePortCommand(ZR_DriverCommand_e eCommand);
+
