@@ -14,6 +14,7 @@ uint32_t NowSeconds() { return static_cast<uint32_t>(_time64(nullptr)); }
 
 ZR_Database::ZR_Database(const wchar_t* wszSparseFilesFolder, GUID guid) {
     InitializeCriticalSection(&m_cs);
+    CreateEvents();
     m_iMountPrepareStartTime = NowSeconds();
     if (!(guid == GUID_NULL))
         m_Guid = guid;
@@ -21,19 +22,42 @@ ZR_Database::ZR_Database(const wchar_t* wszSparseFilesFolder, GUID guid) {
         UuidCreateSequential(&m_Guid);
 }
 
+// Live I/O ends before the strings, the events and m_cs go: its threads use
+// them until the last queued read is completed. Hydration, when it ends
+// here, ends before live I/O.
 ZR_Database::~ZR_Database() {
     if (g_iTraceMode) TraceLine("ZR_Database::~ZR_Database\n");
+    StopLiveIORead();
     free(m_pwszMountKey);
     free(m_pwszFilterVolume);
     free(m_pwszSourceMachine);
     free(m_pwszSourceInstance);
     free(m_pwszSourceDatabase);
     if (g_iTraceMode) TraceLine("ZR_Database::~ZR_Database - strings freed\n");
+    CloseEvents();
     DeleteCriticalSection(&m_cs);
     if (g_iTraceMode) TraceLine("ZR_Database::~ZR_Database return - member variables will destruct now\n");
     // The backups go first, the data files last.
     m_Backups.Clean();
     m_DataFiles.Clean();
+}
+
+void ZR_Database::CreateEvents() {
+    m_hHydrationDone = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    m_hHydrationThreadExit = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    m_hWriterThreadExit = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    m_hPercentChange = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    m_hPercentWaiterDone = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    if (m_hHydrationDone) {
+        m_HandleOpen = ZR_HandleTag(m_hHydrationDone);
+        if (g_iTraceMode) TraceLine("ZR_Database::ZR_Database - m_HandleOpen: %08x\n", m_HandleOpen);
+    }
+}
+
+void ZR_Database::CloseEvents() {
+    for (HANDLE h : {m_hHydrationDone, m_hHydrationThreadExit, m_hWriterThreadExit, m_hPercentChange,
+                     m_hPercentWaiterDone})
+        if (h) CloseHandle(h);
 }
 
 bool ZR_Database::PrepareContent() {
@@ -50,6 +74,7 @@ bool ZR_Database::PrepareContent() {
         if (!HasKindOfSlot(pBackup, i))
             return false;
     }
+    StartLiveIORead();  // reads may come from here on, before any data file is open
     return true;
 }
 
@@ -176,6 +201,12 @@ void ZR_Database::RemoveDataFile(uint16_t iFileId) {
     m_DataFiles.Lock();
     if (m_DataFiles.Exists(iFileId) && m_DataFiles(iFileId)) m_DataFiles.Clear(iFileId);
     m_DataFiles.Unlock();
+}
+
+void ZR_Database::SetMaxTransferSize(int iSize) {
+    for (ZR_Backup* pBackup : {GetFull(), GetDiff()})
+        for (int i = 0; pBackup && i < pBackup->GetNumFiles(); ++i)
+            if (ZR_BackupFile* pFile = pBackup->GetFile(i)) pFile->SetMaxTransferSize(iSize);
 }
 
 void ZR_Database::SetState(int32_t iState) {

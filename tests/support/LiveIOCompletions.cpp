@@ -1,0 +1,63 @@
+#include "support/LiveIOCompletions.h"
+
+#include <cstring>
+
+#include "driver/DriverMessages.h"
+#include "driver/ZR_ReadCompletion.h"
+#include "platform/fltuser.h"
+
+namespace zrtest {
+
+LiveIOCompletions::LiveIOCompletions() {
+    FilterPortHandlers handlers;
+    handlers.send = [this](HANDLE, const void* pIn, DWORD cbIn, void*, DWORD, DWORD*) -> HRESULT {
+        ZR_ReadCompletionMessage done{};
+        if (cbIn != sizeof done) return E_INVALIDARG;
+        std::memcpy(&done, pIn, sizeof done);
+        Record(done.pOpId, done.hr);
+        return S_OK;
+    };
+    if (!FilterRegisterPort(kAsyncLiveIOPortName, handlers)) return;
+    HANDLE hPort = INVALID_HANDLE_VALUE;
+    m_bConnected = SUCCEEDED(FilterConnectCommunicationPort(kAsyncLiveIOPortName, 0, nullptr, 0, nullptr, &hPort));
+    if (m_bConnected) g_hAsyncLiveIOPort = hPort;
+}
+
+LiveIOCompletions::~LiveIOCompletions() {
+    if (m_bConnected) {
+        CloseHandle(g_hAsyncLiveIOPort);
+        g_hAsyncLiveIOPort = INVALID_HANDLE_VALUE;
+    }
+    FilterUnregisterPort(kAsyncLiveIOPortName);
+}
+
+void LiveIOCompletions::Record(std::uint64_t iOpId, std::int32_t hr) {
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (!m_results.emplace(iOpId, hr).second) ++m_iRepeats;
+    }
+    m_arrived.notify_all();
+}
+
+bool LiveIOCompletions::WaitForCount(std::size_t n, std::chrono::milliseconds limit) {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    return m_arrived.wait_for(lock, limit, [&] { return m_results.size() >= n; });
+}
+
+std::optional<std::int32_t> LiveIOCompletions::WaitForOp(std::uint64_t iOpId, std::chrono::milliseconds limit) {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (!m_arrived.wait_for(lock, limit, [&] { return m_results.count(iOpId) > 0; })) return std::nullopt;
+    return m_results[iOpId];
+}
+
+std::map<std::uint64_t, std::int32_t> LiveIOCompletions::Results() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_results;
+}
+
+std::size_t LiveIOCompletions::Repeats() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_iRepeats;
+}
+
+}  // namespace zrtest
