@@ -17,93 +17,24 @@
 #include "diag/ZR_Error.h"
 #include "platform/FileCallsTesting.h"
 #include "support/MountedChain.h"
+#include "support/PageReadCheck.h"
 #include "support/PageFormat.h"
 #include "support/SyntheticBackup.h"
 #include "support/TestData.h"
 
 namespace fs = std::filesystem;
+using zrtest::ExpectServed;
 using zrtest::MountedChain;
+using zrtest::PageBuffer;
+using zrtest::PageRead;
+using zrtest::RandomRead;
+using zrtest::SetBit;
 using namespace zr::platform::testing;
 
 namespace {
 
-constexpr uint32_t kLiveBitmapPages = 1024;
-
-// Page-aligned memory, as the driver maps a read's buffer.
-class PageBuffer {
-public:
-    explicit PageBuffer(uint32_t iPages)
-        : m_iBytes(size_t{iPages} * ZR_PAGE_SIZE),
-          m_p(static_cast<uint8_t*>(VirtualAlloc(nullptr, m_iBytes, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE))) {}
-    ~PageBuffer() { VirtualFree(m_p, 0, MEM_RELEASE); }
-    PageBuffer(const PageBuffer&) = delete;
-    PageBuffer& operator=(const PageBuffer&) = delete;
-    uint8_t* Page(uint32_t i) { return m_p + size_t{i} * ZR_PAGE_SIZE; }
-    uint8_t* Data() { return m_p; }
-    // Bytes that no page read can produce: no header in them is blank.
-    void Scribble(std::mt19937& rng) {
-        uint64_t x = rng() | 1;
-        for (size_t i = 0; i < m_iBytes; i += sizeof x) {
-            x ^= x << 13, x ^= x >> 7, x ^= x << 17;
-            const uint64_t v = x | 0x8080808080808080;
-            std::memcpy(m_p + i, &v, sizeof v);
-        }
-    }
-    std::vector<uint8_t> Copy() const { return {m_p, m_p + m_iBytes}; }
-
-private:
-    size_t m_iBytes;
-    uint8_t* m_p;
-};
-
-bool BitSet(const std::vector<uint8_t>& bitmap, uint32_t i) { return bitmap[i >> 3] & (0x80 >> (i & 7)); }
-void SetBit(std::vector<uint8_t>& bitmap, uint32_t i) { bitmap[i >> 3] |= static_cast<uint8_t>(0x80 >> (i & 7)); }
-
-// One read: the pages of file fileId from firstPage on, and its bitmap.
-struct PageRead {
-    uint16_t fileId;
-    uint32_t firstPage;
-    uint32_t pages;
-    std::vector<uint8_t> bitmap = std::vector<uint8_t>(kLiveBitmapPages / 8);
-    uint32_t Bit(uint32_t i) const { return firstPage % 8 + i; }  // bit of the read's page i
-    bool Wanted(uint32_t i) const { return !BitSet(bitmap, Bit(i)); }
-    uint64_t Offset() const { return uint64_t{firstPage} * ZR_PAGE_SIZE; }
-};
-
-// Every page of the read against the reference: a wanted page is the page
-// the chain serves, or, when no backup holds it, the bytes the buffer held
-// under a zeroed header; a page that is not wanted is untouched.
-void ExpectServed(const MountedChain& chain, const PageRead& r, PageBuffer& buffer, const std::vector<uint8_t>& before) {
-    for (uint32_t i = 0; i < r.pages; ++i) {
-        const uint8_t* pGot = buffer.Page(i);
-        const uint8_t* pBefore = before.data() + size_t{i} * ZR_PAGE_SIZE;
-        const uint8_t* pWant = chain.ExpectedPage(r.fileId, r.firstPage + i);
-        SCOPED_TRACE(testing::Message() << "page " << r.fileId << ":" << r.firstPage + i);
-        if (!r.Wanted(i)) {
-            ASSERT_EQ(0, std::memcmp(pGot, pBefore, ZR_PAGE_SIZE)) << "a page the driver has is left alone";
-        } else if (pWant) {
-            ASSERT_EQ(0, std::memcmp(pGot, pWant, ZR_PAGE_SIZE));
-        } else {
-            ASSERT_TRUE(zrtest::IsBlankPageHeader(pGot));
-            ASSERT_EQ(0, std::memcmp(pGot + ZR_PAGE_HEADER_SIZE, pBefore + ZR_PAGE_HEADER_SIZE,
-                                     ZR_PAGE_SIZE - ZR_PAGE_HEADER_SIZE));
-        }
-    }
-}
-
-// A read near a held extent (so that it meets held pages, gaps and the
-// ends of files), of up to 96 pages, with about a quarter of the bits set.
-PageRead RandomRead(const MountedChain& chain, std::mt19937& rng) {
-    const auto held = chain.HeldExtents();
-    const auto [fileId, extent] = held[rng() % held.size()];
-    PageRead r{fileId, static_cast<uint32_t>(std::max<int64_t>(0, int64_t{extent} + int64_t(rng() % 48) - 16)),
-               1 + static_cast<uint32_t>(rng() % 96)};
-    for (uint32_t i = 0; i < r.pages; ++i)
-        if (rng() % 4 == 0) SetBit(r.bitmap, r.Bit(i));
-    return r;
-}
-
 struct Chain {
+    const char* name;
     const char* full;
     const char* diff;
 };
@@ -123,7 +54,7 @@ TEST_P(RealChainReads, EveryPageIsTheNaiveRestoresAndNoOtherByteMoves) {
         PageBuffer buffer(r.pages);
         buffer.Scribble(rng);
         const std::vector<uint8_t> before = buffer.Copy();
-        ASSERT_TRUE(chain.Database().ReadFileByBitMap(r.fileId, buffer.Data(), r.pages * ZR_PAGE_SIZE,
+        ASSERT_TRUE(chain.Database().ReadFileByBitMap(r.fileId, buffer.Data(), r.Bytes(),
                                                       r.bitmap.data(), r.Offset(), ZR_READ_LIVE));
         ExpectServed(chain, r, buffer, before);
         for (uint32_t i = 0; i < r.pages; ++i)
@@ -136,10 +67,12 @@ TEST_P(RealChainReads, EveryPageIsTheNaiveRestoresAndNoOtherByteMoves) {
 
 INSTANTIATE_TEST_SUITE_P(
     Backups, RealChainReads,
-    testing::Values(Chain{"appveyor-lab/DoubleDiffing/difftest-full.bak", nullptr},
-                    Chain{"appveyor-lab/DoubleDiffing/difftest-full.bak", "appveyor-lab/DoubleDiffing/difftest-diff1.bak"},
-                    Chain{"appveyor-lab/RestoreTimeClean/RestoreTimeClean.bak",
-                          "appveyor-lab/RestoreTimeClean/RestoreTimeClean2.bak"}));
+    testing::Values(Chain{"FullAlone", "appveyor-lab/DoubleDiffing/difftest-full.bak", nullptr},
+                    Chain{"DoubleDiffing", "appveyor-lab/DoubleDiffing/difftest-full.bak",
+                          "appveyor-lab/DoubleDiffing/difftest-diff1.bak"},
+                    Chain{"RestoreTimeClean", "appveyor-lab/RestoreTimeClean/RestoreTimeClean.bak",
+                          "appveyor-lab/RestoreTimeClean/RestoreTimeClean2.bak"}),
+    [](const testing::TestParamInfo<Chain>& p) { return std::string(p.param.name); });
 
 // ---------------------------------------------------------------------------
 // Synthetic backups: where each extent lies is the writer's record.
@@ -205,7 +138,7 @@ protected:
     }
     bool Read(const PageRead& r, PageBuffer& buffer, ZR_ReadMode_e eMode = ZR_READ_LIVE) {
         return m_pChain->Database().ReadFileByBitMap(r.fileId, eMode == ZR_READ_PREPARE ? nullptr : buffer.Data(),
-                                                     r.pages * ZR_PAGE_SIZE, r.bitmap.data(), r.Offset(), eMode);
+                                                     r.Bytes(), r.bitmap.data(), r.Offset(), eMode);
     }
 
     ScopedFileCalls m_restore;

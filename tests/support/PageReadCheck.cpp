@@ -1,0 +1,62 @@
+#include "support/PageReadCheck.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "platform/win32.h"
+#include "support/PageFormat.h"
+
+namespace zrtest {
+
+PageBuffer::PageBuffer(std::uint32_t iPages)
+    : m_iBytes(std::size_t{iPages} * kPageSize),
+      m_p(static_cast<std::uint8_t*>(VirtualAlloc(nullptr, m_iBytes, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE))) {}
+
+PageBuffer::~PageBuffer() { VirtualFree(m_p, 0, MEM_RELEASE); }
+
+void PageBuffer::Scribble(std::mt19937& rng) {
+    std::uint64_t x = rng() | 1;
+    for (std::size_t i = 0; i < m_iBytes; i += sizeof x) {
+        x ^= x << 13, x ^= x >> 7, x ^= x << 17;
+        const std::uint64_t v = x | 0x8080808080808080;
+        std::memcpy(m_p + i, &v, sizeof v);
+    }
+}
+
+void SetBit(std::vector<std::uint8_t>& bitmap, std::uint32_t i) {
+    bitmap[i >> 3] |= static_cast<std::uint8_t>(0x80 >> (i & 7));
+}
+
+bool PageRead::Wanted(std::uint32_t i) const { return (bitmap[Bit(i) >> 3] & (0x80 >> (Bit(i) & 7))) == 0; }
+
+PageRead RandomRead(const MountedChain& chain, std::mt19937& rng) {
+    const auto held = chain.HeldExtents();
+    const auto [fileId, extent] = held[rng() % held.size()];
+    const std::int64_t first = std::max<std::int64_t>(0, std::int64_t{extent} + std::int64_t(rng() % 48) - 16);
+    PageRead r{fileId, static_cast<std::uint32_t>(first), 1 + static_cast<std::uint32_t>(rng() % 96)};
+    for (std::uint32_t i = 0; i < r.pages; ++i)
+        if (rng() % 4 == 0) SetBit(r.bitmap, r.Bit(i));
+    return r;
+}
+
+void ExpectServed(const MountedChain& chain, const PageRead& r, PageBuffer& buffer,
+                  const std::vector<std::uint8_t>& before) {
+    for (std::uint32_t i = 0; i < r.pages; ++i) {
+        const std::uint8_t* pGot = buffer.Page(i);
+        const std::uint8_t* pBefore = before.data() + std::size_t{i} * kPageSize;
+        const std::uint8_t* pWant = chain.ExpectedPage(r.fileId, r.firstPage + i);
+        SCOPED_TRACE(testing::Message() << "page " << r.fileId << ":" << r.firstPage + i);
+        if (!r.Wanted(i)) {
+            ASSERT_EQ(0, std::memcmp(pGot, pBefore, kPageSize)) << "a page the driver has is left alone";
+        } else if (pWant) {
+            ASSERT_EQ(0, std::memcmp(pGot, pWant, kPageSize));
+        } else {
+            ASSERT_TRUE(IsBlankPageHeader(pGot));
+            ASSERT_EQ(0, std::memcmp(pGot + kPageHeaderSize, pBefore + kPageHeaderSize, kPageSize - kPageHeaderSize));
+        }
+    }
+}
+
+}  // namespace zrtest
