@@ -300,7 +300,7 @@ bool ZR_Database::GetLiveIOEntry(uint32_t iThread, ZR_LiveIOEntry* pOut) {
         const DWORD iPause = LiveIOPause();
         lock.Release();
         if (iThread != 0) WaitForSingleObject(m_hLiveIOStopEvent, iPause);  // a pause that a stop cuts short
-        WaitForSingleObject(m_hLiveIOEvent, kWorkWaitLimitMs);
+        if (!m_bLiveIOStopping) WaitForSingleObject(m_hLiveIOEvent, kWorkWaitLimitMs);
         lock.Retake();
     }
     if (bWaiter) --m_iLiveIOWaiters;
@@ -451,11 +451,9 @@ void ZR_Database::ServeLiveIOEntry(uint32_t iThread, const ZR_LiveIOEntry& entry
 void ZR_Database::NoteLiveIOWork(const ZR_PageLocation& location) {
     // NoteWork(offset of the block) on the contexts of file
     // location.entry.GetDevice() of location.pBackup, for a compressed backup.
-    (void)location;
 }
 
 void ZR_Database::EndLiveIOWork(const ZR_LiveIOEntry& entry) {
     // EndWork() on the contexts of the backup file that holds the entry's
     // first page (LocateLiveIOEntry), for a compressed backup.
-    (void)entry;
 }
