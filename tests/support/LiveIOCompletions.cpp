@@ -1,6 +1,7 @@
 #include "support/LiveIOCompletions.h"
 
 #include <cstring>
+#include <utility>
 
 #include "driver/DriverMessages.h"
 #include "driver/ZR_ReadCompletion.h"
@@ -8,7 +9,7 @@
 
 namespace zrtest {
 
-LiveIOCompletions::LiveIOCompletions() {
+LiveIOCompletions::LiveIOCompletions(Listener onCompleted) : m_onCompleted(std::move(onCompleted)) {
     FilterPortHandlers handlers;
     handlers.send = [this](HANDLE, const void* pIn, DWORD cbIn, void*, DWORD, DWORD*) -> HRESULT {
         ZR_ReadCompletionMessage done{};
@@ -37,6 +38,7 @@ void LiveIOCompletions::Record(std::uint64_t iOpId, std::int32_t hr) {
         if (!m_results.emplace(iOpId, hr).second) ++m_iRepeats;
     }
     m_arrived.notify_all();
+    if (m_onCompleted) m_onCompleted(iOpId, hr);
 }
 
 bool LiveIOCompletions::WaitForCount(std::size_t n, std::chrono::milliseconds limit) {

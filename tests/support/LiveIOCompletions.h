@@ -9,6 +9,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -17,7 +18,10 @@ namespace zrtest {
 
 class LiveIOCompletions {
 public:
-    LiveIOCompletions();
+    // onCompleted, when given, is called on the completing thread after the
+    // completion is recorded.
+    using Listener = std::function<void(std::uint64_t iOpId, std::int32_t hr)>;
+    explicit LiveIOCompletions(Listener onCompleted = {});
     ~LiveIOCompletions();
     LiveIOCompletions(const LiveIOCompletions&) = delete;
     LiveIOCompletions& operator=(const LiveIOCompletions&) = delete;
@@ -40,6 +44,7 @@ public:
 private:
     void Record(std::uint64_t iOpId, std::int32_t hr);
 
+    Listener m_onCompleted;
     std::mutex m_mutex;
     std::condition_variable m_arrived;
     std::map<std::uint64_t, std::int32_t> m_results;
