@@ -15,12 +15,17 @@ LiveIOCompletions::LiveIOCompletions(Listener onCompleted) : m_onCompleted(std::
         ZR_ReadCompletionMessage done{};
         if (cbIn != sizeof done) return E_INVALIDARG;
         std::memcpy(&done, pIn, sizeof done);
-        Record(done.pOpId, done.hr);
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            if (!m_results.emplace(done.pOpId, done.hr).second) m_results[done.pOpId] = -1;
+        }
+        m_arrived.notify_all();
+        if (m_onCompleted) m_onCompleted(done.pOpId, done.hr);
         return S_OK;
     };
-    if (!FilterRegisterPort(kAsyncLiveIOPortName, handlers)) return;
     HANDLE hPort = INVALID_HANDLE_VALUE;
-    m_bConnected = SUCCEEDED(FilterConnectCommunicationPort(kAsyncLiveIOPortName, 0, nullptr, 0, nullptr, &hPort));
+    m_bRegistered = FilterRegisterPort(kAsyncLiveIOPortName, handlers);
+    m_bConnected = m_bRegistered && SUCCEEDED(FilterConnectCommunicationPort(kAsyncLiveIOPortName, 0, nullptr, 0, nullptr, &hPort));
     if (m_bConnected) g_hAsyncLiveIOPort = hPort;
 }
 
@@ -29,21 +34,7 @@ LiveIOCompletions::~LiveIOCompletions() {
         CloseHandle(g_hAsyncLiveIOPort);
         g_hAsyncLiveIOPort = INVALID_HANDLE_VALUE;
     }
-    FilterUnregisterPort(kAsyncLiveIOPortName);
-}
-
-void LiveIOCompletions::Record(std::uint64_t iOpId, std::int32_t hr) {
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        if (!m_results.emplace(iOpId, hr).second) ++m_iRepeats;
-    }
-    m_arrived.notify_all();
-    if (m_onCompleted) m_onCompleted(iOpId, hr);
-}
-
-bool LiveIOCompletions::WaitForCount(std::size_t n, std::chrono::milliseconds limit) {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    return m_arrived.wait_for(lock, limit, [&] { return m_results.size() >= n; });
+    if (m_bRegistered) FilterUnregisterPort(kAsyncLiveIOPortName);
 }
 
 std::optional<std::int32_t> LiveIOCompletions::WaitForOp(std::uint64_t iOpId, std::chrono::milliseconds limit) {
@@ -55,11 +46,6 @@ std::optional<std::int32_t> LiveIOCompletions::WaitForOp(std::uint64_t iOpId, st
 std::map<std::uint64_t, std::int32_t> LiveIOCompletions::Results() {
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_results;
-}
-
-std::size_t LiveIOCompletions::Repeats() {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_iRepeats;
 }
 
 }  // namespace zrtest
