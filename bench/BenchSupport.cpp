@@ -2,10 +2,16 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <random>
+#include <string>
 
+#include "backup/ZR_Backup.h"
 #include "backupio/ZR_BackupFile.h"
 #include "diag/ZR_Error.h"
 #include "foundation/ZR_Types.h"
+#include "maps/ZR_CMaps.h"
+#include "maps/ZR_EMaps.h"
 #include "support/SyntheticBackup.h"
 
 namespace zrbench {
@@ -66,11 +72,50 @@ bool TimeSequentialRead(const fs::path& path, double* pdSeconds) {
     return bOk;
 }
 
-void PrintErrors() {
-    wchar_t* wsz = ZR_ReadErrors(nullptr);
+void PrintErrors(const wchar_t* wszKey) {
+    wchar_t* wsz = ZR_ReadErrors(wszKey);
     if (wsz)
         std::fprintf(stderr, "%ls", wsz);
     free(wsz);
+}
+
+std::vector<PageAt> PickPages(ZR_Backup& b, int n) {
+    std::vector<PageAt> a;
+    std::mt19937_64 rng(42);
+    ZR_ConfigInfo& config = b.m_pCMaps->m_ConfigMSCI;
+    const int nFiles = static_cast<int>(config.m_Files);
+    for (int tries = 0; static_cast<int>(a.size()) < n && tries < 20 * n; ++tries) {
+        const SQL_FILE_INFO_V7* f = config.m_Files(static_cast<int>(rng() % nFiles));
+        if (f->m_file_type != SQL_FILE_DATABASE || f->m_file_size < ZR_PAGE_SIZE)
+            continue;
+        PageId id{static_cast<uint32_t>(rng() % (f->m_file_size / ZR_PAGE_SIZE)), static_cast<uint16_t>(f->m_file_number)};
+        ZR_EMap e = b.LookupPage(id);
+        if (e.HasCopy())
+            a.push_back({id, e.GetOffset() + (id.m_iPage & 7) * uint64_t{ZR_PAGE_SIZE}});
+    }
+    return a;
+}
+
+HANDLE OpenPlain(const fs::path& path) {
+    return CreateFileW(path.wstring().c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
+                       ZR_BackupFile::ms_iOpenFlags, nullptr);
+}
+
+bool ReadPlainPage(HANDLE h, uint64_t iFileOfs, void* pBuffer) {
+    OVERLAPPED o{};
+    o.Offset = static_cast<DWORD>(iFileOfs);
+    o.OffsetHigh = static_cast<DWORD>(iFileOfs >> 32);
+    DWORD iRead = 0;
+    return ReadFile(h, pBuffer, ZR_PAGE_SIZE, &iRead, &o) ||
+           (GetLastError() == ERROR_IO_PENDING && GetOverlappedResult(h, &o, &iRead, TRUE));
+}
+
+double PeakRssMiB() {
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);)
+        if (line.rfind("VmHWM:", 0) == 0)
+            return std::atof(line.c_str() + 6) / 1024;  // in kB
+    return 0;
 }
 
 }  // namespace zrbench

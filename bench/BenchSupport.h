@@ -7,8 +7,13 @@
 #include <cstdint>
 #include <filesystem>
 #include <memory>
+#include <vector>
 
+#include "foundation/ZR_Types.h"
+#include "platform/win32.h"
 #include "support/TestData.h"
+
+class ZR_Backup;
 
 namespace zrbench {
 
@@ -29,7 +34,26 @@ bool WriteSyntheticBackup(const std::filesystem::path& path, double dGigabytes);
 // file system allows it).
 bool TimeSequentialRead(const std::filesystem::path& path, double* pdSeconds);
 
-// Writes the error chain (no mount key) to stderr.
-void PrintErrors();
+// Writes the error chain of a mount key (none by default) to stderr.
+void PrintErrors(const wchar_t* wszKey = nullptr);
+
+// A page that the backup holds, and where its extent map says it lies.
+struct PageAt {
+    PageId id;
+    uint64_t iFileOfs;
+};
+
+// n random pages (a fixed seed) of the data files that a prepared backup
+// holds, from its configuration and extent map.
+std::vector<PageAt> PickPages(ZR_Backup& b, int n);
+
+// Opens a file for plain positioned reads, the way backup files are opened
+// (unbuffered where the file system allows it).
+HANDLE OpenPlain(const std::filesystem::path& path);
+// Reads the page at iFileOfs into an aligned buffer.
+bool ReadPlainPage(HANDLE h, uint64_t iFileOfs, void* pBuffer);
+
+// The peak resident memory of the process in MiB, 0 when unknown.
+double PeakRssMiB();
 
 }  // namespace zrbench

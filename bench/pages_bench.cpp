@@ -12,14 +12,12 @@
 #include <cwchar>
 #include <filesystem>
 #include <memory>
-#include <random>
 #include <string>
 #include <vector>
 
 #include "BenchSupport.h"
 #include "backup/ZR_Backup.h"
 #include "maps/X_MapFile.h"
-#include "maps/ZR_CMaps.h"
 #include "maps/ZR_EMaps.h"
 
 namespace fs = std::filesystem;
@@ -28,28 +26,7 @@ namespace {
 
 constexpr int kDefaultPages = 10000;
 
-struct PageAt {
-    PageId id;
-    uint64_t iFileOfs;  // where the map says the page lies
-};
-
-// Random pages of the data files that the backup holds, with their offsets.
-std::vector<PageAt> PickPages(ZR_Backup& b, int n) {
-    std::vector<PageAt> a;
-    std::mt19937_64 rng(42);
-    ZR_ConfigInfo& config = b.m_pCMaps->m_ConfigMSCI;
-    const int nFiles = static_cast<int>(config.m_Files);
-    for (int tries = 0; static_cast<int>(a.size()) < n && tries < 20 * n; ++tries) {
-        const SQL_FILE_INFO_V7* f = config.m_Files(static_cast<int>(rng() % nFiles));
-        if (f->m_file_type != SQL_FILE_DATABASE || f->m_file_size < ZR_PAGE_SIZE)
-            continue;
-        PageId id{static_cast<uint32_t>(rng() % (f->m_file_size / ZR_PAGE_SIZE)), static_cast<uint16_t>(f->m_file_number)};
-        ZR_EMap e = b.LookupPage(id);
-        if (e.HasCopy())
-            a.push_back({id, e.GetOffset() + (id.m_iPage & 7) * uint64_t{ZR_PAGE_SIZE}});
-    }
-    return a;
-}
+using zrbench::PageAt;
 
 bool TimeMapReads(ZR_Backup& b, const std::vector<PageAt>& a, void* pBuffer, double* pdSeconds) {
     auto start = std::chrono::steady_clock::now();
@@ -63,23 +40,13 @@ bool TimeMapReads(ZR_Backup& b, const std::vector<PageAt>& a, void* pBuffer, dou
 }
 
 bool TimePlainReads(const fs::path& path, const std::vector<PageAt>& a, void* pBuffer, double* pdSeconds) {
-    HANDLE h = CreateFileW(path.wstring().c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                           OPEN_EXISTING, ZR_BackupFile::ms_iOpenFlags, nullptr);
+    HANDLE h = zrbench::OpenPlain(path);
     if (h == INVALID_HANDLE_VALUE)
         return false;
     bool bOk = true;
     auto start = std::chrono::steady_clock::now();
-    for (const PageAt& p : a) {
-        OVERLAPPED o{};
-        o.Offset = static_cast<DWORD>(p.iFileOfs);
-        o.OffsetHigh = static_cast<DWORD>(p.iFileOfs >> 32);
-        DWORD iRead = 0;
-        if (!ReadFile(h, pBuffer, ZR_PAGE_SIZE, &iRead, &o) &&
-            (GetLastError() != ERROR_IO_PENDING || !GetOverlappedResult(h, &o, &iRead, TRUE))) {
-            bOk = false;
-            break;
-        }
-    }
+    for (size_t i = 0; bOk && i < a.size(); ++i)
+        bOk = zrbench::ReadPlainPage(h, a[i].iFileOfs, pBuffer);
     *pdSeconds = zrbench::Seconds(start);
     CloseHandle(h);
     return bOk;
@@ -109,7 +76,7 @@ int main(int argc, char** argv) {
         b.AddFile(path.wstring().c_str(), nullptr, false);
         int32_t iVersion = 0;
         if (b.PrepareContent(&iVersion) && b.Open() && b.PrepareAccess(0)) {
-            std::vector<PageAt> a = PickPages(b, nPages);
+            std::vector<PageAt> a = zrbench::PickPages(b, nPages);
             double dMap = 0, dPlain = 0, dPlainAgain = 0;
             // Plain, map, plain again: the cache state of the device is the
             // same for the map's reads as for the mean of the plain ones.

@@ -97,6 +97,14 @@ ZR_API void GetSQL(ZR_MountInfo* pInfo, unsigned int iStatement, wchar_t* wszBuf
    statement iStatement, counted from 1 here: 1 is the full backup. */
 ZR_API void AddWith(ZR_MountInfo* pInfo, int iStatement, const wchar_t* wszOption);
 
+/* ---- Process-wide settings (for the mounts that start after them) ------- */
+
+/* CPUs to size thread pools by; a value below 1 stores 1 (the default). */
+ZR_API void SetNumCPUs(int iNumCPUs);
+/* Live I/O threads of each mount; 0 (the default) or a value above 1000
+   leaves the number to the CPUs and the stripes of the full backup. */
+ZR_API void SetNumLiveIOThreads(int iThreads);
+
 /* ---- Errors -------------------------------------------------------------- */
 
 /* The recorded errors of a mount key (null: those of no mount), newest

@@ -50,6 +50,11 @@ public:
     void AddFile(const wchar_t* wszFileName, const wchar_t* wszPasswordKey, bool bPasswordKeyEncrypted);
     int GetNumFiles() { return static_cast<int>(m_aFiles); }
     ZR_BackupFile* GetFile(int i) { return m_aFiles.Exists(i) ? m_aFiles(i) : nullptr; }
+    // Lowers where the sequential reader of file iFile begins (see
+    // ZR_BackupFile::SetNextRawOffset); nothing for a file that isn't there.
+    void SetHydrationStart(int iFile, uint64_t iOffset) {
+        if (ZR_BackupFile* pFile = GetFile(iFile)) pFile->SetNextRawOffset(iOffset);
+    }
 
     // The data set lives in the content map; set it before adding files.
     void SetDataSetNumber(int iDataSet);

@@ -168,6 +168,21 @@ void ZR_BackupFile::Close() {
     m_hFile = INVALID_HANDLE_VALUE;
 }
 
+void ZR_BackupFile::SetNextRawOffset(uint64_t iOffset) {
+    EnterCriticalSection(&m_csReader);
+    if (iOffset < m_iNextRawOffset || m_iNextRawOffset == 0) m_iNextRawOffset = iOffset;
+    if (m_bReaderStarted && m_hReaderEvent) SetEvent(m_hReaderEvent);
+    if (m_iNextRawOffset == 0 && m_hDecompressorEvent) SetEvent(m_hDecompressorEvent);
+    LeaveCriticalSection(&m_csReader);
+}
+
+uint64_t ZR_BackupFile::GetNextRawOffset() {
+    EnterCriticalSection(&m_csReader);
+    const uint64_t iOffset = m_iNextRawOffset;
+    LeaveCriticalSection(&m_csReader);
+    return iOffset;
+}
+
 bool ZR_BackupFile::Read(ZR_ReadAhead* pAhead, void* pDest, uint64_t iOfs, uint32_t iLen, ZR_IO_e eIO,
                          uint32_t* piRead) {
     const bool bBufferAligned = !ZR_IOMovesBytes(eIO) || IsAligned(reinterpret_cast<uintptr_t>(pDest));

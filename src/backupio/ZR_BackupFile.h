@@ -96,6 +96,12 @@ public:
     uint32_t GetHandleTag() const { return m_HandleOpen; }
     void SetMaxTransferSize(int iMaxTransferSize) { m_iMaxTransferSize = iMaxTransferSize; }
     int GetMaxTransferSize() const { return m_iMaxTransferSize; }
+    // Where the sequential reader is to go on: a value is taken when it is
+    // below the present one or the present one is 0, so 0 (nothing left to
+    // read) is always taken. Under m_csReader; wakes a running reader, and
+    // its consumers when nothing is left.
+    void SetNextRawOffset(uint64_t iOffset);
+    uint64_t GetNextRawOffset();
     int GetNumDecompressions() const { return m_iNumDecompressions; }
     void ResetNumDecompressions() { m_iNumDecompressions = 0; }
 

@@ -31,6 +31,7 @@ bool IsLiveDataFile(const ZR_File* pFile) {
 
 ZR_Database::ZR_Database(const wchar_t* wszSparseFilesFolder, GUID guid) {
     InitializeCriticalSection(&m_cs);
+    CreateEvents();
     m_iMountPrepareStartTime = NowSeconds();
     if (!(guid == GUID_NULL))
         m_Guid = guid;
@@ -38,19 +39,42 @@ ZR_Database::ZR_Database(const wchar_t* wszSparseFilesFolder, GUID guid) {
         UuidCreateSequential(&m_Guid);
 }
 
+// Live I/O ends before the strings, the events and m_cs go: its threads use
+// them until the last queued read is completed. Hydration, when it ends
+// here, ends before live I/O.
 ZR_Database::~ZR_Database() {
     if (g_iTraceMode) TraceLine("ZR_Database::~ZR_Database\n");
+    StopLiveIORead();
     free(m_pwszMountKey);
     free(m_pwszFilterVolume);
     free(m_pwszSourceMachine);
     free(m_pwszSourceInstance);
     free(m_pwszSourceDatabase);
     if (g_iTraceMode) TraceLine("ZR_Database::~ZR_Database - strings freed\n");
+    CloseEvents();
     DeleteCriticalSection(&m_cs);
     if (g_iTraceMode) TraceLine("ZR_Database::~ZR_Database return - member variables will destruct now\n");
     // The backups go first, the data files last.
     m_Backups.Clean();
     m_DataFiles.Clean();
+}
+
+void ZR_Database::CreateEvents() {
+    m_hHydrationDone = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    m_hHydrationThreadExit = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    m_hWriterThreadExit = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    m_hPercentChange = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    m_hPercentWaiterDone = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    if (m_hHydrationDone) {
+        m_HandleOpen = ZR_HandleTag(m_hHydrationDone);
+        if (g_iTraceMode) TraceLine("ZR_Database::ZR_Database - m_HandleOpen: %08x\n", m_HandleOpen);
+    }
+}
+
+void ZR_Database::CloseEvents() {
+    for (HANDLE h : {m_hHydrationDone, m_hHydrationThreadExit, m_hWriterThreadExit, m_hPercentChange,
+                     m_hPercentWaiterDone})
+        if (h) CloseHandle(h);
 }
 
 bool ZR_Database::PrepareContent() {
@@ -67,6 +91,7 @@ bool ZR_Database::PrepareContent() {
         if (!HasKindOfSlot(pBackup, i))
             return false;
     }
+    StartLiveIORead();  // reads may come from here on, before any data file is open
     return true;
 }
 
@@ -252,6 +277,12 @@ void ZR_Database::RaiseState(int32_t iState) {
     int32_t iOld = m_eState;
     while (iOld < iState && !m_eState.compare_exchange_weak(iOld, iState)) {
     }
+}
+
+void ZR_Database::SetMaxTransferSize(int iSize) {
+    for (ZR_Backup* pBackup : {GetFull(), GetDiff()})
+        for (int i = 0; pBackup && i < pBackup->GetNumFiles(); ++i)
+            if (ZR_BackupFile* pFile = pBackup->GetFile(i)) pFile->SetMaxTransferSize(iSize);
 }
 
 void ZR_Database::SetState(int32_t iState) {

@@ -5,7 +5,12 @@
 // Owned by g_DBs once a mount succeeded; before that by the mount that makes
 // it. Nothing here takes it out of g_DBs. The chain and the file table have
 // the locks of their arrays; m_cs is taken after the library lock, never
-// before it.
+// before it. m_csLiveIO stands apart from m_cs: neither is taken while the
+// other is held.
+//
+// The implementation is split by concern: ZR_Database.cpp (life, chain,
+// files, state), ZR_PageReads.cpp (pages of a data file read from the
+// backups), ZR_LiveIO.cpp (the queue of live reads and its threads).
 #pragma once
 
 #include <atomic>
@@ -13,7 +18,9 @@
 
 #include "backup/ZR_Backup.h"
 #include "engine/ZR_File.h"
+#include "engine/ZR_LiveIOEntry.h"
 #include "foundation/AP.h"
+#include "maps/ZR_EMaps.h"
 #include "mount/ZR_StopInfo.h"
 #include "platform/win32.h"
 
@@ -30,6 +37,19 @@ enum ZR_VDBState_e : int32_t {
 };
 
 enum ZR_HydrationMode_e : int32_t { ZR_HYDRATE_DATA_FILE = 1, ZR_HYDRATE_DIFF = 2, ZR_HYDRATE_FULL = 3 };
+
+// What a page read is for: hydration reads pages for the driver to write,
+// live reads fill a buffer that SQL Server waits on, and the prepare walk
+// only tells each sequential reader where to begin (no buffer).
+enum ZR_ReadMode_e : int32_t { ZR_READ_HYDRATE = 0, ZR_READ_LIVE = 1, ZR_READ_PREPARE = 2 };
+
+// Where the copy of a page that counts lies: the differential when its
+// extent map has a real entry for the page, else the full backup (whose
+// entry may be no location). pBackup is null only without a full backup.
+struct ZR_PageLocation {
+    ZR_Backup* pBackup = nullptr;
+    ZR_EMap entry;
+};
 
 class ZR_Database {
 public:
@@ -83,25 +103,77 @@ public:
     // counts every one. Any service thread; takes the lock of the chain.
     ZR_Backup* FindBackupFile(HANDLE hFile, int* piFile);
 
-    // Puts a read of a data file on the live I/O queue: iBytes at iOffset of
-    // the file of iFileId into pBuffer, for the pages that pBitmap does not
-    // mark present. The read completes on a live I/O thread through
-    // sendReadCompletion(pOpId, iBufferKey, pBuffer, hr). False: not queued.
-    bool AddLiveIOEntry(void* pOpId, void* pBuffer, uint32_t iFileId, uint64_t iOffset, uint32_t iBytes,
-                        const uint8_t* pBitmap, void* iBufferKey);
-
     // Ends hydration for good: m_bCancel is never cleared. bDatabaseWasDeleted
     // adds to m_bDatabaseWasDeleted. For now it only sets the two flags;
     // ending and waiting for the hydration threads comes with hydration.
     void CancelHydration(bool bDatabaseWasDeleted);
     bool GetDatabaseWasDeleted() { return m_bDatabaseWasDeleted; }
 
+    // Stores every backup file's largest transfer, in the full backup and
+    // the differential.
+    void SetMaxTransferSize(int iSize);
+
+    // A request for state 9 while hydration is paused gives 10.
     void SetState(int32_t iState);
     int32_t GetState() { return m_eState; }
     // Moves the state to iState if it stands below it, in one atomic step
     // (service threads do this while others read the state).
     void RaiseState(int32_t iState);
     GUID GetGuid() { return m_Guid; }
+
+    // --- Page reads from the backups (ZR_PageReads.cpp) ---
+    // Reads the pages of file iFileId in [iCurOffset, iCurOffset + iBytes)
+    // whose bits in pBitmap are clear, each from the differential if it
+    // holds the page, else from the full backup, in as few backup reads as
+    // the backups allow. Bit 0 is the first page of the extent that holds
+    // iCurOffset; the caller's bitmap must cover the range (1,024 pages for
+    // a live read, less the first page's place in its extent). Pages that
+    // no backup holds get a zeroed header and keep the rest of their bytes.
+    // pBuffer gets the page at iCurOffset at its first byte; it is null in
+    // ZR_READ_PREPARE, which reads nothing and lowers where each sequential
+    // reader begins instead. False when a backup read failed (recorded);
+    // the other runs are still read. No lock is held across the call.
+    bool ReadFileByBitMap(uint16_t iFileId, void* pBuffer, uint32_t iBytes, const uint8_t* pBitmap,
+                          uint64_t iCurOffset, ZR_ReadMode_e eMode);
+    // Where the copy of the page that counts lies (see ZR_PageLocation).
+    ZR_PageLocation LocatePage(PageId pageId);
+    // Whether page b, right behind page a in a data file, is read in the
+    // same backup read as a: same backup, same backup file, and the same
+    // extent or (native backups) the next extent right behind it in the
+    // file, or (compressed backups) the next extent of the same compressed
+    // block. Two pages that no backup holds join when their entries are
+    // equal; such a page never joins a page that is held.
+    static bool JoinsRun(const ZR_PageLocation& a, const ZR_PageLocation& b, ZR_Backend_e eBackend);
+    // --- end of page reads ---
+
+    // --- Live I/O (ZR_LiveIO.cpp) ---
+    // Starts the queue and its threads: the process-wide count if it is
+    // between 1 and 1,000 (SetNumLiveIOThreads), else by CPUs and stripes.
+    // Called at the end of PrepareContent; a second call does nothing.
+    void StartLiveIORead();
+    // Starts the queue with iThreads threads. With 0, nobody serves the
+    // queue but the callers of GetLiveIOEntry.
+    void StartLiveIORead(int iThreads);
+    // Ends the threads once they have served every queued read; what no
+    // thread served is completed as aborted. Called by the destructor.
+    void StopLiveIORead();
+    // Queues a read that the driver holds; called on an operation thread,
+    // does no I/O. False when the read is not queued: live I/O is not
+    // running or stopping, no memory, or a read longer than its bitmap.
+    bool AddLiveIOEntry(void* pOpId, void* pBuffer, uint32_t iFileId, uint64_t iOffset, uint32_t iBytes,
+                        const uint8_t* pBitmap, void* iBufferKey);
+    // Picks the next read for live I/O thread iThread and copies it to
+    // *pOut: the reads of one backup block go to the thread that works on
+    // it. Waits while there is nothing for the thread; false only when
+    // stopping and nothing is left for it.
+    bool GetLiveIOEntry(uint32_t iThread, ZR_LiveIOEntry* pOut);
+    // Takes the read that thread iThread got from GetLiveIOEntry off the
+    // queue.
+    void RemoveLiveIOEntry(uint32_t iThread, const ZR_LiveIOEntry* pEntry);
+    // The process-wide thread count of StartLiveIORead; 0 or anything above
+    // 1,000 leaves the count to the rule.
+    static std::atomic<int> ms_iNumLiveIOThreadsRequested;
+    // --- end of live I/O ---
 
     // Each frees the old string and keeps a copy of the new one.
     void SetMountKey(const wchar_t* wsz);
@@ -118,11 +190,18 @@ public:
     void StampMountTime();
 
     int32_t m_iSQLVersion = 0;       // shared by the backups, set as they are prepared
+    // Read by every thread without a lock; grows but for the pair 9 and 10.
     std::atomic<int32_t> m_eState{ZR_VDB_STATE_NEW};
     std::atomic<bool> m_bCancel{false};               // hydration is to end now; never cleared
     std::atomic<bool> m_bDatabaseWasDeleted{false};   // the last data file was deleted
     int32_t m_eHydrationMode = ZR_HYDRATE_DATA_FILE;
     uint8_t m_bHydrationPaused = 0;
+    HANDLE m_hHydrationDone = nullptr;        // manual-reset: DataHydrate has ended after a cancel
+    HANDLE m_hHydrationThreadExit = nullptr;  // auto-reset: a hydration thread has ended
+    HANDLE m_hPercentChange = nullptr;        // auto-reset: wakes WaitOnPercentChange
+    HANDLE m_hPercentWaiterDone = nullptr;    // auto-reset: the waiter has left after a cancel
+    HANDLE m_hWriterThreadExit = nullptr;     // auto-reset: a writer has ended
+    uint32_t m_HandleOpen = 0;                // tag of m_hHydrationDone, for the trace only
     wchar_t* m_pwszMountKey = nullptr;        // owned; the context of every error of this mount
     wchar_t* m_pwszFilterVolume = nullptr;    // owned
     wchar_t* m_pwszSourceMachine = nullptr;   // owned
@@ -137,7 +216,74 @@ public:
     uint32_t m_iFirstBackupReadTime = 0;        // first search for a virtual backup file; under the chain's lock
     int32_t m_iVirtualizedBackupAccesses = 0;   // searches for one; under the chain's lock
 
+    // Counters of page reads that hydration reports; plain statistics that
+    // several threads add to.
+    std::atomic<int32_t> m_iNumAllUnallocatedHydrations{0};  // hydration reads that found no page held
+    std::atomic<int32_t> m_iNumLowAllocatedHydrations{0};    // ... that made fewer than 16 backup reads
+    std::atomic<int32_t> m_iReadFileByBitmap{0};             // backup reads of hydration and live reads
+
+    // --- Live I/O state. The lists, the blocks and m_iNumLiveBlocks are
+    // guarded by m_csLiveIO; the counters are atomics so that reports may
+    // read them without it. ---
+    ZR_LiveIOEntry* m_pLiveFree = nullptr;     // free entries
+    ZR_LiveIOEntry* m_pLiveHead = nullptr;     // queued entries, in order of arrival
+    ZR_LiveIOEntry* m_pLiveTail = nullptr;
+    CRITICAL_SECTION m_csLiveIO;               // made by StartLiveIORead, deleted by StopLiveIORead
+    ZR_LiveIOEntry** m_ppLiveBlocks = nullptr; // blocks of ZR_LiveIOEntry::ms_iBlockEntries entries
+    int32_t m_iNumLiveBlocks = 0;              // slots of m_ppLiveBlocks
+    int32_t m_iNumLiveIOThreads = 0;           // slots of m_phLiveIOThreads
+    std::atomic<bool> m_bLiveIOStarted{false};
+    std::atomic<bool> m_bLiveIOStopping{false};
+    HANDLE* m_phLiveIOThreads = nullptr;       // null where a thread has ended or never started
+    HANDLE m_hLiveIOEvent = nullptr;           // auto-reset: wakes one thread that waits for work
+    // Manual-reset, set by StopLiveIORead: ends the pause of the threads
+    // other than 0 at once, so that a stop never waits out a pause.
+    HANDLE m_hLiveIOStopEvent = nullptr;
+    std::atomic<int32_t> m_iLiveIOWaiters{0};      // threads in the waiting part of GetLiveIOEntry
+    int32_t m_iNextLiveIOThreadId = 0;             // under m_cs
+    std::atomic<int32_t> m_iLiveIOsCount{0};       // reads ever queued
+    std::atomic<int32_t> m_iLiveIOsQueued{0};      // reads queued and not yet removed
+    std::atomic<int32_t> m_iLiveIOsHighWaterMark{0};
+    std::atomic<int32_t> m_iNumPreOwnedReleased{0};  // a taken tied read had more tied reads behind it
+    std::atomic<int32_t> m_iNumOwnedIOSequences{0};  // reads tied to a thread because of their block
+    std::atomic<int32_t> m_iLiveIOPagesRead{0};      // pages of the reads queued; hydration restarts it
+    std::atomic<int32_t> m_iAverPagesPerSBDuringRecovery{0};
+    // --- end of live I/O state ---
+
 private:
     bool HasKindOfSlot(ZR_Backup* pBackup, int iSlot);
     ZR_Backup* NewInSlot(int iSlot);
+    void CreateEvents();
+    void CloseEvents();
+
+    // Page reads
+    struct PageRun;
+    struct PageReadTally;
+    void CloseRun(const PageRun& run, ZR_ReadMode_e eMode, PageReadTally* pTally);
+    void EnterRecoveryState();
+
+    // Live I/O
+    int LiveIOThreadsToStart();
+    bool AllocLiveIOTables(int iThreads);
+    void StartLiveIOThreads(int iThreads);
+    void FreeLiveIOTables();
+    void WaitForLiveIOThreads();
+    void AbortLiveIOEntries();
+    ZR_LiveIOEntry* NewLiveIOEntry();
+    bool AddLiveIOBlock();
+    ZR_PageLocation LocateLiveIOEntry(const ZR_LiveIOEntry& entry);
+    ZR_LiveIOEntry* FindLiveIOEntry(uint32_t iThread, bool* pbTied, ZR_PageLocation* pLocation);
+    void TakeLiveIOEntry(uint32_t iThread, ZR_LiveIOEntry* pEntry, const ZR_PageLocation& location,
+                         ZR_LiveIOEntry* pOut);
+    void ClaimLiveIOBlock(uint32_t iThread, ZR_LiveIOEntry* pTaken, const ZR_PageLocation& location);
+    void CountPreOwned(uint32_t iThread, const ZR_LiveIOEntry* pTaken);
+    DWORD LiveIOPause();
+    void ServeLiveIO();
+    void ServeLiveIOEntry(uint32_t iThread, const ZR_LiveIOEntry& entry);
+    static unsigned LiveIOProc(void* pThis);
+    // The decompression contexts of the backup file that holds a claimed
+    // read: NoteLiveIOWork keeps the thread's context from being stolen
+    // until EndLiveIOWork. Native backups have no contexts.
+    void NoteLiveIOWork(const ZR_PageLocation& location);
+    void EndLiveIOWork(const ZR_LiveIOEntry& entry);
 };
