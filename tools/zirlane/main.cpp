@@ -69,6 +69,7 @@ bool CheckCommandWord(const CLI::App& app, int argc, char** argv) {
 int main(int argc, char** argv) {
     CLI::App app{"Zirlane: SQL Server databases straight from their backup files"};
     app.require_subcommand(1);
+    app.footer("Exit codes: 0 on success, 2 when the command line is wrong, 1 for any other failure.");
     // --verbose may stand before the command or among its options.
     app.fallthrough();
     app.set_version_flag("--version", VersionText(), "Print the version and the backups served, then exit");
