@@ -1,8 +1,11 @@
 # Helpers shared by every subsystem's CMakeLists.
 
 # Warnings and sanitizers for our own targets (never for the Debian packages).
+# __FILE__ names sources from the root of the tree: the error chain shows
+# it, and the library must not carry the build machine's paths.
 function(zr_target_options target)
-  target_compile_options(${target} PRIVATE -Wall -Wextra -Wshadow -Wno-unused-parameter)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Wshadow -Wno-unused-parameter
+                                           -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
   if(ZR_WERROR)
     target_compile_options(${target} PRIVATE -Werror)
   endif()

@@ -10,6 +10,7 @@
 #ifdef __cplusplus
 #define ZR_EXTERN_C extern "C"
 #else
+#include <stdbool.h>
 #define ZR_EXTERN_C
 #endif
 #define ZR_API ZR_EXTERN_C __attribute__((visibility("default")))

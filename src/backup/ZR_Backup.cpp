@@ -116,10 +116,7 @@ bool ZR_Backup::IsSupportedType() {
 // The content map
 // ---------------------------------------------------------------------------
 
-bool ZR_Backup::Probe() {
-    ZR_ScanProbe probe(this, GetDataSetNumber());
-    return probe.ScanFiles();
-}
+bool ZR_Backup::Probe() { return ZR_ScanProbe::Run(this, GetDataSetNumber()); }
 
 // Puts the files in stripe order (the low 16 bits of the RAID sequence
 // number), so that row i of the content map belongs to file i whatever order

@@ -4,16 +4,53 @@
 #include <cstring>
 
 #include "backup/ZR_Backup.h"
+#include "backupio/ZR_BackupFile.h"
 #include "diag/Trace.h"
 #include "diag/ZR_Error.h"
+#include "foundation/Unaligned.h"
 
 namespace {
 
 constexpr uint32_t STRIPE_BITS = 64 * 8;
+constexpr uint32_t KELP_ID = MTF_MakeId("KELP");
+// SQL Server's own compressed backups start with these eight bytes.
+constexpr char kCompressedSqlMagic[8] = {'M', 'S', 'S', 'Q', 'L', 'B', 'A', 'K'};
 
 bool SameDate(const MTF_DATE_TIME& a, const MTF_DATE_TIME& b) { return memcmp(&a, &b, sizeof a) == 0; }
 
 }  // namespace
+
+bool ZR_ScanProbe::Run(ZR_Backup* pB, int32_t iDataSet) {
+    ZR_ScanProbe probe(pB, iDataSet);
+    return probe.CheckHeads() && probe.ScanFiles();
+}
+
+bool ZR_ScanProbe::CheckHeads() {
+    if (!m_pB->Open()) return false;
+    bool bOk = true;
+    for (int i = 0; bOk && i < m_pB->GetNumFiles(); ++i) bOk = CheckHead(m_pB->GetFile(i));
+    m_pB->Close();
+    return bOk;
+}
+
+// The walk would take a file that is no backup for a short read, or pass
+// over it as an unsupported file: neither tells the reader what is wrong.
+bool ZR_ScanProbe::CheckHead(ZR_BackupFile* pFile) {
+    uint8_t aHead[sizeof kCompressedSqlMagic] = {};
+    const uint32_t iLen = static_cast<uint32_t>(std::min<uint64_t>(sizeof aHead, pFile->GetFileSize()));
+    m_pAhead->Reset();  // the window may describe another file
+    if (iLen > 0 && !pFile->Read(m_pAhead, aHead, 0, iLen, IO_READ, nullptr)) return false;
+    const uint32_t iId = ZR_Load<uint32_t>(aHead);
+    if (iLen >= sizeof iId && (iId == MTF_ID_TAPE || iId == KELP_ID)) return true;
+    const char* szFormat = "%S is not a Microsoft Tape Format backup: it does not start with a TAPE block.\n";
+    if (iLen == 0)
+        szFormat = "%S is empty, not a Microsoft Tape Format backup.\n";
+    else if (iLen == sizeof aHead && memcmp(aHead, kCompressedSqlMagic, sizeof aHead) == 0)
+        szFormat = "%S is a compressed SQL Server backup: compressed backups are not served yet.\n";
+    SetLastError(NO_ERROR);  // the content is at fault, not a call
+    ZR_Error(m_wszKey, __FILE__, "ZR_ScanProbe::CheckHeads", __LINE__, szFormat, pFile->GetFileName());
+    return false;
+}
 
 void ZR_ScanProbe::Start() {
     int n = m_pB->GetNumFiles();
@@ -56,8 +93,7 @@ uint32_t ZR_ScanProbe::Process_RAID(const uint8_t* pData, uint32_t iLength) {
     int32_t iRequired = MTF_RaidFileCount(raid);
     m_pB->m_ProbeIdentity.m_iRequiredFiles = iRequired;
     if (iRequired != m_pB->GetNumFiles()) {
-        ZR_Error(m_wszKey, __FILE__, "ZR_ScanProbe::Process", __LINE__,
-                 "Not all of the %d required striped backup files are specified.\n", iRequired);
+        FailStripeCount(iRequired);
         return ZR_SCAN_ABORT;
     }
     uint32_t iSequence = MTF_RaidSequence(raid);
@@ -67,6 +103,24 @@ uint32_t ZR_ScanProbe::Process_RAID(const uint8_t* pData, uint32_t iLength) {
     }
     SetStripeSeen(iSequence);
     return ZR_SCAN_CONTINUE;
+}
+
+// Names the file and what to do first: the count alone does not say
+// whether a stripe is missing or files of several backups were mixed.
+void ZR_ScanProbe::FailStripeCount(int32_t iRequired) {
+    const int iGiven = m_pB->GetNumFiles();
+    const char* szFiles = iRequired == 1 ? "file" : "files";
+    if (iRequired > iGiven)
+        ZR_Error(m_wszKey, __FILE__, "ZR_ScanProbe::Process", __LINE__,
+                 "%S is one stripe of a backup written to %d %s: name all of them, stripes in any order.\n",
+                 FileName(), iRequired, szFiles);
+    else
+        ZR_Error(m_wszKey, __FILE__, "ZR_ScanProbe::Process", __LINE__,
+                 "%S holds a backup written to %d %s, but %d files were given for it: name the stripes of one "
+                 "backup only.\n",
+                 FileName(), iRequired, szFiles, iGiven);
+    ZR_Error(m_wszKey, __FILE__, "ZR_ScanProbe::Process", __LINE__,
+             "Not all of the %d required striped backup files are specified.\n", iRequired);
 }
 
 // Sequence numbers outside 1..512 have no bit: SQL Server never writes them,

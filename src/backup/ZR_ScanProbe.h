@@ -18,6 +18,15 @@ class ZR_ScanProbe : public ZR_Scan {
 public:
     ZR_ScanProbe(ZR_Backup* pB, int32_t iDataSet) : ZR_Scan(pB, iDataSet) {}
 
+    // The probe of a backup: refuses every file that is no backup this
+    // library reads (CheckHeads), then scans. False after recording why.
+    static bool Run(ZR_Backup* pB, int32_t iDataSet);
+    // Opens the files, looks at their first bytes and closes them again.
+    // A file must start with a tape-format TAPE block, or be a compressed
+    // backup of the library's own format; an empty file, any other file,
+    // and SQL Server's own compressed backups are refused by name.
+    bool CheckHeads();
+
     void Start() override;
     bool Finish() override;
     bool IsDumping() override;
@@ -35,6 +44,8 @@ public:
     static constexpr uint32_t ms_iDumpCategory = 0x8000000;
 
 private:
+    bool CheckHead(ZR_BackupFile* pFile);
+    void FailStripeCount(int32_t iRequired);
     bool FinishNative();
     bool IsStripeSeen(uint32_t iSequence) const;
     void SetStripeSeen(uint32_t iSequence);

@@ -112,8 +112,7 @@ bool ZR_BackupFile::Open() {
     m_hFile = CreateFileW(m_pwszFileName, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
                           ms_iOpenFlags, nullptr);
     if (m_hFile == INVALID_HANDLE_VALUE) {
-        ZR_Error(m_pwszContext, __FILE__, "ZR_BackupFile::Open", __LINE__, "Error %d occurred on file open of %S\n",
-                 static_cast<int>(GetLastError()), m_pwszFileName);
+        FailOpen();
         return false;
     }
     m_HandleOpen = ZR_HandleTag(m_hFile);
@@ -135,6 +134,24 @@ bool ZR_BackupFile::Open() {
         return false;
     }
     return true;
+}
+
+void ZR_BackupFile::FailOpen() {
+    const DWORD iError = GetLastError();
+    const DWORD iAttributes = GetFileAttributesW(m_pwszFileName);
+    if (iAttributes == INVALID_FILE_ATTRIBUTES || (iAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
+        SetLastError(iError);
+        ZR_Error(m_pwszContext, __FILE__, "ZR_BackupFile::Open", __LINE__, "Error %d occurred on file open of %S\n",
+                 static_cast<int>(iError), m_pwszFileName);
+        return;
+    }
+    // A folder cannot be opened as a file: the system says "access denied",
+    // which would send the reader after permissions. The report says what
+    // it is instead, without that text; the caller still sees the error.
+    SetLastError(NO_ERROR);
+    ZR_Error(m_pwszContext, __FILE__, "ZR_BackupFile::Open", __LINE__, "%S is a folder, not a backup file.\n",
+             m_pwszFileName);
+    SetLastError(iError);
 }
 
 bool ZR_BackupFile::LearnSectorSize() {

@@ -107,6 +107,8 @@ public:
 
 private:
     bool IsAligned(uint64_t iValue) const { return (iValue & (uint64_t(m_iSectorSize) - 1)) == 0; }
+    // Records why CreateFileW failed, naming a folder as one.
+    void FailOpen();
     bool LearnSectorSize();
     bool IssueRead(void* pDest, uint32_t iLen, OVERLAPPED* pOverlapped, DWORD* piRead);
     bool CheckFullRead(uint64_t iOfs, uint32_t iLen, DWORD iRead);

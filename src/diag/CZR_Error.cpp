@@ -35,9 +35,9 @@ constexpr int kShownBehindHead = 5;
 }  // namespace
 
 CZR_Error::CZR_Error(const wchar_t* wszKey, int bWarning, const char* szFile, const char* szFunction, int iLine,
-                     const char* szMessage, CZR_Error* pNext)
+                     const char* szMessage, CZR_Error* pNext, DWORD iSystemError)
     : m_pNext(nullptr), m_wszKey(nullptr), m_iLine(iLine), m_szFile(nullptr), m_szFunction(nullptr),
-      m_szErrorMessage(nullptr), m_bWarning(bWarning) {
+      m_szErrorMessage(nullptr), m_bWarning(bWarning), m_iSystemError(iSystemError) {
     try {
         m_wszKey = CopyText(wszKey);
         m_szFile = CopyText(szFile);

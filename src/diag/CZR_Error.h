@@ -9,9 +9,10 @@
 class __attribute__((visibility("default"))) CZR_Error {
 public:
     // Copies every text that is not null; takes pNext over. Throws
-    // std::bad_alloc when a copy cannot be made.
+    // std::bad_alloc when a copy cannot be made. iSystemError: for a record
+    // that holds the system's text of a last-error value, that value.
     CZR_Error(const wchar_t* wszKey, int bWarning, const char* szFile, const char* szFunction, int iLine,
-              const char* szMessage, CZR_Error* pNext);
+              const char* szMessage, CZR_Error* pNext, DWORD iSystemError = 0);
     ~CZR_Error();
     CZR_Error(const CZR_Error&) = delete;
     // Copies the members as they are: the texts and the next record are
@@ -23,6 +24,9 @@ public:
     const char* GetFunction() const { return m_szFunction ? m_szFunction : ""; }
     int GetLine() const { return m_iLine; }
     bool IsWarning() const { return m_bWarning != 0; }
+    // Not 0 for the system's text of a last-error value: it then stands
+    // right behind the report that it explains.
+    DWORD GetSystemError() const { return m_iSystemError; }
     const wchar_t* GetKey() const { return m_wszKey; }
     // Both keys null, or both set and equal.
     bool HasKey(const wchar_t* wszKey) const;
@@ -46,6 +50,7 @@ private:
     char* m_szFunction;
     char* m_szErrorMessage;
     int m_bWarning;
+    DWORD m_iSystemError;
 };
 
 // Guards the chain's head and every link. Created at library load.

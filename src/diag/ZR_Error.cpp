@@ -11,6 +11,7 @@
 
 #include "diag/CZR_Error.h"
 #include "diag/Format.h"
+#include "diag/ZR_ErrorReport.h"
 #include "diag/Trace.h"
 #include "zirlane/zirlane.h"
 
@@ -48,8 +49,8 @@ bool UnderErrorMutex(Fn fn) {
 }
 
 void PushRecord(const wchar_t* wszKey, int bWarning, const char* szFile, const char* szFunction, int iLine,
-                const char* szMessage) {
-    g_pErrorHead = new CZR_Error(wszKey, bWarning, szFile, szFunction, iLine, szMessage, g_pErrorHead);
+                const char* szMessage, DWORD iSystemError = 0) {
+    g_pErrorHead = new CZR_Error(wszKey, bWarning, szFile, szFunction, iLine, szMessage, g_pErrorHead, iSystemError);
 }
 
 // The system's text of a last-error value goes in as a warning behind the
@@ -62,7 +63,7 @@ void PushSystemText(const wchar_t* wszKey, const char* szFile, const char* szFun
     if (!szSystem)
         ZR_snprintf(szFallback, sizeof szFallback, "System error %u.\n", iError);
     try {
-        PushRecord(wszKey, 1, szFile, szFunction, iLine, szSystem ? szSystem : szFallback);
+        PushRecord(wszKey, 1, szFile, szFunction, iLine, szSystem ? szSystem : szFallback, iError);
     } catch (...) {
         LocalFree(szSystem);
         throw;
@@ -110,6 +111,28 @@ const wchar_t* ReadErrorText(const wchar_t* wszKey, bool* pbOwned) {
     return wszText;
 }
 
+ZR_ErrorReport ReportOf(const CZR_Error& record) {
+    return {record.GetErrorMessage(), record.GetFile(), record.GetFunction(), record.GetLine(), record.IsWarning(),
+            0, {}};
+}
+
+// Walks the chain newest first: a system text stands right behind the
+// report it explains, so it is folded into the entry made just before.
+std::vector<ZR_ErrorReport> ListNewestFirst(const wchar_t* wszKey) {
+    std::vector<ZR_ErrorReport> aReports;
+    for (const CZR_Error* p = g_pErrorHead; p; p = p->GetNext()) {
+        if (p->GetKey() && !p->HasKey(wszKey))
+            continue;
+        if (p->GetSystemError() != 0 && !aReports.empty() && aReports.back().iSystemError == 0) {
+            aReports.back().iSystemError = p->GetSystemError();
+            aReports.back().strSystemText = p->GetErrorMessage();
+        } else {
+            aReports.push_back(ReportOf(*p));
+        }
+    }
+    return aReports;
+}
+
 // Records without a key go at every clear.
 bool ClearedBy(const CZR_Error& record, const wchar_t* wszKey) { return !record.GetKey() || record.HasKey(wszKey); }
 
@@ -137,6 +160,13 @@ wchar_t* ZR_ReadErrors(const wchar_t* wszKey) {
     if (!wszText || bOwned)
         return const_cast<wchar_t*>(wszText);
     return _wcsdup(wszText);
+}
+
+std::vector<ZR_ErrorReport> ZR_ListErrors(const wchar_t* wszKey) {
+    std::vector<ZR_ErrorReport> aReports;
+    UnderErrorMutex([&] { aReports = ListNewestFirst(wszKey); });
+    std::reverse(aReports.begin(), aReports.end());
+    return aReports;
 }
 
 void ZR_ClearErrors(const wchar_t* wszKey) {

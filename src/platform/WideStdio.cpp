@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include <unistd.h>
+
 
 FILE* _wfopen(const wchar_t* wszName, const wchar_t* wszMode) {
     if (!wszName || !wszMode)
@@ -22,3 +24,7 @@ int _fseeki64(FILE* pFile, int64_t iOffset, int iOrigin) {
 int64_t _ftelli64(FILE* pFile) {
     return static_cast<int64_t>(ftello(pFile));
 }
+
+int _fileno(FILE* pFile) { return fileno(pFile); }
+
+int _isatty(int iFd) { return isatty(iFd); }

@@ -9,6 +9,7 @@
 
 #include "diag/CZR_Error.h"
 #include "diag/Trace.h"
+#include "diag/ZR_ErrorReport.h"
 #include "zirlane/zirlane.h"
 
 namespace {
@@ -148,6 +149,32 @@ TEST_F(ErrorChain, SearchByKeyKeepsToItsKey) {
     // A keyless head shows up in a search with any key.
     ZR_Error(nullptr, "k.cpp", "K::n", 5, "keyless head");
     EXPECT_EQ(Messages(Read(kKeyB)), (std::vector<std::wstring>{L"keyless head", L"b1"}));
+}
+
+// The list for a person: every report of the key and the keyless ones,
+// oldest first, each with the system's text of its own last-error value;
+// other keys stay out.
+TEST_F(ErrorChain, ListGivesEveryReportOldestFirstWithItsSystemText) {
+    ReportN(kKeyA, 8);  // more than the chain's own text shows
+    SetLastError(ERROR_FILE_NOT_FOUND);
+    ZR_Error(nullptr, "g.cpp", "G::h", 7, "keyless");
+    SetLastError(0);
+    ZR_Error(kKeyB, "h.cpp", "H::i", 1, "other key");
+    std::vector<ZR_ErrorReport> a = ZR_ListErrors(kKeyA);
+    ASSERT_EQ(a.size(), 9u);
+    for (int i = 0; i < 8; ++i) {
+        EXPECT_EQ(a[i].strMessage, "m" + std::to_string(i + 1));
+        EXPECT_EQ(a[i].iLine, i + 1);
+        EXPECT_EQ(a[i].iSystemError, 0u);
+    }
+    EXPECT_EQ(a[8].strMessage, "keyless");
+    EXPECT_EQ(a[8].strFile, "g.cpp");
+    EXPECT_EQ(a[8].strFunction, "G::h");
+    EXPECT_FALSE(a[8].bWarning);
+    EXPECT_EQ(a[8].iSystemError, ERROR_FILE_NOT_FOUND);
+    EXPECT_NE(a[8].strSystemText.find("cannot find the file"), std::string::npos) << a[8].strSystemText;
+    ASSERT_EQ(ZR_ListErrors(nullptr).size(), 1u);
+    EXPECT_EQ(ZR_ListErrors(L"none").size(), 1u) << "the keyless report only";
 }
 
 TEST_F(ErrorChain, ClearRemovesTheKeyAndEveryKeylessRecord) {

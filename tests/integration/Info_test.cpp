@@ -70,9 +70,13 @@ TEST_F(InfoCommand, TellsTheTruthForEveryBackupOfVersionsNineAndTen) {
             EXPECT_EQ(Value(j, "first_lsn"), e.firstLsn);
             EXPECT_EQ(Value(j, "last_lsn"), e.lastLsn);
             EXPECT_EQ(Value(j, "checkpoint_lsn"), e.checkpointLsn);
-            if (e.type == 'I') {
-                EXPECT_EQ(Value(j, "differential_base_lsn"), e.baseLsn);
-            }
+            // One field of the configuration, named as T-SQL names it:
+            // the base of a differential, the last full backup's
+            // checkpoint for the others.
+            const char* szBase = e.type == 'I' ? "differential_base_lsn" : "database_backup_lsn";
+            const char* szOther = e.type == 'I' ? "database_backup_lsn" : "differential_base_lsn";
+            EXPECT_EQ(Value(j, szBase), e.baseLsn);
+            EXPECT_EQ(j.find(szOther), std::string::npos) << j;
         }
         EXPECT_NE(j.find("\"type\": \"data\""), std::string::npos) << j;
         EXPECT_NE(j.find("\"file_id\": 1,"), std::string::npos) << j;

@@ -220,28 +220,4 @@ TEST(ZirlaneStatements, TheCleanChainComesOutInOrderThenTheAttach) {
     EXPECT_EQ(run.sOut.substr(run.sOut.size() - attach.size()), attach);
 }
 
-TEST(ZirlaneStatements, BadOptionsAndAFailedMountExitNonZero) {
-    ZR_REQUIRE_TESTDATA();
-    zrtest::TempDir tmp;
-    const std::string full = Path(std::string(kClean) + "RestoreTimeClean.bak");
-    zrtest::CliRun run = Zirlane({"statements", "--database", "D", "--map-folder", (tmp / "maps").string(), "--full", full,
-                       "--with", "0:x"},
-                      tmp);
-    EXPECT_EQ(run.iExit, 1);
-    EXPECT_NE(run.sErr.find("N:OPTION"), std::string::npos) << run.sErr;
-
-    run = Zirlane({"statements", "--database", "D", "--map-folder", (tmp / "maps").string(), "--full", full,
-                   "--stop", "STOPWHEN='soon'"},
-                  tmp);
-    EXPECT_EQ(run.iExit, 1);
-    EXPECT_NE(run.sErr.find("stop clause is not understood"), std::string::npos) << run.sErr;
-
-    run = Zirlane({"statements", "--database", "D", "--map-folder", (tmp / "maps").string(), "--full",
-                   (tmp / "missing.bak").string()},
-                  tmp);
-    EXPECT_EQ(run.iExit, 1);
-    EXPECT_NE(run.sErr.find("Unable to open backup file"), std::string::npos) << run.sErr;
-    EXPECT_EQ(run.sOut, "");
-}
-
 }  // namespace

@@ -33,7 +33,9 @@ fs::path ZirlaneProgram() {
 }
 
 CliRun RunZirlane(const std::vector<std::string>& args, const fs::path& scratch) {
-    std::string command = Quote(ZirlaneProgram().string());
+    // The default map folder lies in the cache folder: keep it in scratch.
+    std::string command =
+        "XDG_CACHE_HOME=" + Quote((scratch / "cache").string()) + " " + Quote(ZirlaneProgram().string());
     for (const auto& a : args)
         command += " " + Quote(a);
     fs::path out = scratch / "zirlane.out", err = scratch / "zirlane.err";

@@ -17,7 +17,7 @@ struct CliRun {
 std::filesystem::path ZirlaneProgram();
 
 // Runs the program with the arguments; its output goes through files in
-// scratch, a folder of the caller's.
+// scratch, a folder of the caller's, and so does its default map folder.
 CliRun RunZirlane(const std::vector<std::string>& args, const std::filesystem::path& scratch);
 
 }  // namespace zrtest

@@ -1,6 +1,7 @@
 // zirlane extract [--data-set N] [--map-folder DIR] --full FILE... [--diff FILE...] -o DIR:
 // writes each data file of the database (not the log) from the backups
-// alone. Every extent is looked up in the extent maps, the differential's
+// alone, into DIR (made with its parents when missing). Each file is
+// written under a temporary name and renamed when complete. Every extent is looked up in the extent maps, the differential's
 // first and the full backup's behind it, and read from the backup that
 // holds it; extents that no backup holds stay holes of a sparse file. The
 // file is sized as the backup says, so what SQL Server never wrote reads
@@ -12,6 +13,8 @@
 #include <vector>
 
 #include "Commands.h"
+#include "OutputFile.h"
+#include "Progress.h"
 #include "backup/MTF_Records.h"
 #include "backup/SQL_Records.h"
 #include "backup/ZR_Backup.h"
@@ -56,9 +59,7 @@ void PrintMaps(const char* szLabel, bool bScanned, bool bBuilt) {
 
 std::unique_ptr<ZR_Backup> PrepareBackup(const std::vector<std::string>& aFiles, int iDataSet, int iIndex,
                                          int32_t* piVersion) {
-    auto b = std::make_unique<ZR_Backup>(kKey);
-    b->SetDataSetNumber(iDataSet);
-    for (const std::string& f : aFiles) b->AddFile(ZirlaneWide(f).c_str(), nullptr, false);
+    std::unique_ptr<ZR_Backup> b = ZirlaneNewBackup(aFiles, iDataSet);
     const int iScans = ZR_ScanFull::ms_iScansRun;
     const int iBuilds = ZR_Backup::ms_iExtentMapBuilds;
     if (!b->PrepareContent(piVersion)) return nullptr;
@@ -66,6 +67,7 @@ std::unique_ptr<ZR_Backup> PrepareBackup(const std::vector<std::string>& aFiles,
     if (!bType || !b->Open() || !b->PrepareAccess(iIndex)) return nullptr;
     PrintMaps(iIndex == 0 ? "full" : "differential", ZR_ScanFull::ms_iScansRun != iScans,
               ZR_Backup::ms_iExtentMapBuilds != iBuilds);
+    ZirlaneStepSucceeded();
     return b;
 }
 
@@ -75,13 +77,10 @@ bool DiffBelongsToFull(ZR_Backup& full, ZR_Backup& diff) {
     const SQL_CONFIG_INFO_V7* f = full.m_pCMaps->m_ConfigMSCI.m_pConfig;
     const SQL_CONFIG_INFO_V7* d = diff.m_pCMaps->m_ConfigMSCI.m_pConfig;
     if (CompareLSN(d->m_differential_base_lsn, f->m_checkpoint_lsn) == 0) return true;
-    ZR_Error(kKey, __FILE__, "ExtractCommand", __LINE__,
-             "The differential backup (base LSN %u:%u:%u) was not taken over this full backup (checkpoint LSN "
-             "%u:%u:%u).\n",
-             d->m_differential_base_lsn.SeqNo, d->m_differential_base_lsn.blockOffset,
-             static_cast<unsigned>(d->m_differential_base_lsn.slotId), f->m_checkpoint_lsn.SeqNo,
-             f->m_checkpoint_lsn.blockOffset, static_cast<unsigned>(f->m_checkpoint_lsn.slotId));
-    return false;
+    return ZirlaneFail(__FILE__, __LINE__,
+                       "The differential backup (base LSN %s) was not taken over this full backup (checkpoint LSN "
+                       "%s).\n",
+                       ZirlaneLsn(d->m_differential_base_lsn).c_str(), ZirlaneLsn(f->m_checkpoint_lsn).c_str());
 }
 
 // The data files of a configuration; the sizes of a later one (the
@@ -120,41 +119,6 @@ ExtentSource FindExtent(ZR_Backup& full, ZR_Backup* pDiff, PageId page) {
     return {e.HasCopy() ? &full : nullptr, e};
 }
 
-// The output file: sized first, so that what is not written stays a hole.
-class OutputFile {
-public:
-    ~OutputFile() {
-        if (m_h != INVALID_HANDLE_VALUE) CloseHandle(m_h);
-    }
-    bool Create(const std::wstring& wsPath, uint64_t iSize) {
-        m_wsPath = wsPath;
-        m_h = CreateFileW(wsPath.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-        if (m_h == INVALID_HANDLE_VALUE) return Fail("create", 0);
-        return Seek(iSize) && SetEndOfFile(m_h) ? true : Fail("size", iSize);
-    }
-    bool WriteAt(uint64_t iOfs, const void* p, uint32_t iLen) {
-        DWORD iWritten = 0;
-        if (!Seek(iOfs) || !WriteFile(m_h, p, iLen, &iWritten, nullptr) || iWritten != iLen)
-            return Fail("write", iOfs);
-        return true;
-    }
-
-private:
-    bool Seek(uint64_t iOfs) {
-        LONG iHigh = static_cast<LONG>(iOfs >> 32);
-        DWORD iLow = SetFilePointer(m_h, static_cast<LONG>(iOfs & 0xFFFFFFFF), &iHigh, FILE_BEGIN);
-        return !(iLow == INVALID_SET_FILE_POINTER && GetLastError() != NO_ERROR);
-    }
-    bool Fail(const char* szWhat, uint64_t iOfs) {
-        ZR_Error(kKey, __FILE__, "ExtractCommand", __LINE__, "Unable to %s data file %S at offset %I64d (error %d).\n",
-                 szWhat, m_wsPath.c_str(), static_cast<int64_t>(iOfs), static_cast<int>(GetLastError()));
-        return false;
-    }
-
-    HANDLE m_h = INVALID_HANDLE_VALUE;
-    std::wstring m_wsPath;
-};
-
 // Counts of one file, for the summary line.
 struct ExtractCounts {
     uint64_t iFromFull = 0;
@@ -177,11 +141,14 @@ public:
     DataFileExtractor(const DataFileExtractor&) = delete;
     DataFileExtractor& operator=(const DataFileExtractor&) = delete;
 
-    bool Extract(const DataFile& file, OutputFile& out, ExtractCounts* pCounts) {
+    bool Extract(const DataFile& file, ZirlaneOutputFile& out, ExtractCounts* pCounts) {
         if (!m_pAhead || !m_pBuffer) return false;
         const uint64_t nExtents = (file.iSize + ZR_EXTENT_SIZE - 1) / ZR_EXTENT_SIZE;
+        ZirlaneProgress progress(ZirlaneUtf8(file.wsName), file.iSize);
         uint64_t e = 0;
         while (e < nExtents) {
+            if (ZirlaneStopRequested()) return false;
+            progress.Update(e * ZR_EXTENT_SIZE);
             ExtentSource first = FindExtent(m_full, m_pDiff, Page(file, e));
             if (!first.pBackup) {
                 ++pCounts->iHoles;
@@ -215,7 +182,7 @@ private:
         return n;
     }
 
-    bool CopyRun(const DataFile& file, uint64_t e, uint64_t n, const ExtentSource& first, OutputFile& out) {
+    bool CopyRun(const DataFile& file, uint64_t e, uint64_t n, const ExtentSource& first, ZirlaneOutputFile& out) {
         const uint64_t iOfs = e * ZR_EXTENT_SIZE;
         const uint32_t iLen = static_cast<uint32_t>(std::min<uint64_t>(n * ZR_EXTENT_SIZE, file.iSize - iOfs));
         uint32_t iRead = 0;
@@ -243,10 +210,9 @@ bool NamesAreDistinct(const std::vector<DataFile>& aFiles) {
     for (size_t i = 0; i < aFiles.size(); ++i) {
         for (size_t j = i + 1; j < aFiles.size(); ++j) {
             if (aFiles[i].wsName != aFiles[j].wsName) continue;
-            ZR_Error(kKey, __FILE__, "ExtractCommand", __LINE__, "Data files %u and %u are both named %S.\n",
-                     static_cast<unsigned>(aFiles[i].iFileId), static_cast<unsigned>(aFiles[j].iFileId),
-                     aFiles[i].wsName.c_str());
-            return false;
+            return ZirlaneFail(__FILE__, __LINE__, "Data files %u and %u are both named %S.\n",
+                               static_cast<unsigned>(aFiles[i].iFileId), static_cast<unsigned>(aFiles[j].iFileId),
+                               aFiles[i].wsName.c_str());
         }
     }
     return true;
@@ -257,12 +223,18 @@ bool ExtractFiles(const ExtractOptions& options, ZR_Backup& full, ZR_Backup* pDi
     if (!CollectDataFiles(full.m_pCMaps->m_ConfigMSCI, &aFiles)) return false;
     if (pDiff && !CollectDataFiles(pDiff->m_pCMaps->m_ConfigMSCI, &aFiles)) return false;
     if (!NamesAreDistinct(aFiles)) return false;
+    ZirlaneOutputFolder folder;
+    if (!folder.Create(options.outFolder)) return false;
+    ZirlaneCatchInterrupts();
     DataFileExtractor extractor(full, pDiff);
     for (const DataFile& file : aFiles) {
-        OutputFile out;
+        ZirlaneOutputFile out;
         ExtractCounts counts;
         std::wstring wsPath = OutputPath(options, file);
-        if (!out.Create(wsPath, file.iSize) || !extractor.Extract(file, out, &counts)) return false;
+        if (!out.Create(ZirlaneUtf8(wsPath), file.iSize)) return false;
+        if (!extractor.Extract(file, out, &counts) || !out.Commit())
+            return ZirlaneFail(__FILE__, __LINE__, "Data file %S was not written whole and was removed.\n",
+                               wsPath.c_str());
         std::printf("%s: file %u, %llu bytes, %llu extents from the full backup, %llu from the differential, "
                     "%llu not in any backup\n",
                     ZirlaneUtf8(wsPath).c_str(), static_cast<unsigned>(file.iFileId),
@@ -273,17 +245,7 @@ bool ExtractFiles(const ExtractOptions& options, ZR_Backup& full, ZR_Backup* pDi
 }
 
 bool RunExtract(const ExtractOptions& options) {
-    if (!ZirlaneUseMapFolder(options.mapFolder)) {
-        ZR_Error(kKey, __FILE__, "ExtractCommand", __LINE__, "The map folder name is too long: %s\n",
-                 options.mapFolder.c_str());
-        return false;
-    }
-    if (CreateDirectoryW(ZirlaneWide(options.outFolder).c_str(), nullptr) == FALSE &&
-        GetLastError() != ERROR_ALREADY_EXISTS) {
-        ZR_Error(kKey, __FILE__, "ExtractCommand", __LINE__, "Unable to create the output folder %s (error %d).\n",
-                 options.outFolder.c_str(), static_cast<int>(GetLastError()));
-        return false;
-    }
+    if (!ZirlaneUseMapFolder(options.mapFolder)) return false;
     int32_t iVersion = 0;
     std::unique_ptr<ZR_Backup> full = PrepareBackup(options.aFull, options.iDataSet, 0, &iVersion);
     if (!full) return false;
@@ -303,22 +265,14 @@ void AddExtractCommand(CLI::App& app, int* piExit) {
         "extract",
         "Write the data files of the database (not the log) from a full backup and its differential, "
         "as sparse files named after the database's own files");
-    cmd->add_option("--data-set", options->iDataSet, "Data set of the full backup in its files")
-        ->default_val(1)
-        ->check(CLI::PositiveNumber);
+    ZirlaneAddDataSetOption(*cmd, &options->iDataSet, "Data set of the full backup in its files");
     cmd->add_option("--diff-data-set", options->iDiffDataSet, "Data set of the differential in its files")
         ->default_val(1)
-        ->check(CLI::PositiveNumber);
+        ->check(ZirlaneWholeNumber(65535));
     ZirlaneAddMapFolderOption(*cmd, &options->mapFolder);
-    cmd->add_option("--full", options->aFull, "The files of the full backup (all stripes)")
-        ->required()
-        ->check(CLI::ExistingFile);
-    cmd->add_option("--diff", options->aDiff, "The files of a differential backup over it (all stripes)")
-        ->check(CLI::ExistingFile);
-    cmd->add_option("-o,--output", options->outFolder, "Folder for the data files (created if missing)")->required();
-    cmd->callback([options, piExit] {
-        bool bOk = RunExtract(*options);
-        if (!bOk) ZirlanePrintErrors();
-        *piExit = bOk ? ZIRLANE_EXIT_OK : ZIRLANE_EXIT_FAILED;
-    });
+    cmd->add_option("--full", options->aFull, "The files of the full backup (all stripes)")->required();
+    cmd->add_option("--diff", options->aDiff, "The files of a differential backup over it (all stripes)");
+    cmd->add_option("-o,--output", options->outFolder, "Folder for the data files (made with its parents if missing)")
+        ->required();
+    cmd->callback([options, piExit] { *piExit = ZirlaneFinish(RunExtract(*options)); });
 }

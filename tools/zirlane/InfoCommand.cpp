@@ -19,20 +19,6 @@ struct InfoOptions {
     std::vector<std::string> files;
 };
 
-std::string Lsn(const LSN& l) {
-    return std::to_string(l.SeqNo) + ":" + std::to_string(l.blockOffset) + ":" + std::to_string(l.slotId);
-}
-
-std::string Date(const MTF_DATE_TIME& d) {
-    SYSTEMTIME st;
-    if (!MTF_DecodeDateTime(d, &st))
-        return "";
-    char sz[32];
-    std::snprintf(sz, sizeof sz, "%04u-%02u-%02u %02u:%02u:%02u", st.wYear % 10000u, st.wMonth % 100u,
-                  st.wDay % 100u, st.wHour % 100u, st.wMinute % 100u, st.wSecond % 100u);
-    return sz;
-}
-
 const char* TypeName(uint8_t iType) {
     switch (iType) {
     case SQL_BTYPE_DATABASE: return "full";
@@ -58,24 +44,18 @@ std::string Build(uint32_t iServerVersion) {
            std::to_string(iServerVersion & 0xFFFF);
 }
 
-std::string Json(const std::wstring& ws) {
-    std::string out = "\"";
-    for (char c : ZirlaneUtf8(ws)) {
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += c;
-        } else if (static_cast<unsigned char>(c) < 0x20) {
-            char sz[8];
-            std::snprintf(sz, sizeof sz, "\\u%04x", c);
-            out += sz;
-        } else {
-            out += c;
-        }
-    }
-    return out + "\"";
+std::string Json(const std::wstring& ws) { return ZirlaneJson(ZirlaneUtf8(ws)); }
+
+// The LSN at offset 62 of the configuration is the base of a differential;
+// in a full or log backup the same field holds the checkpoint of the last
+// full backup, which T-SQL calls the database backup LSN.
+const char* BaseLsnLabel(const SQL_ConfigRecords& c) {
+    return c.m_iBackupType == SQL_BTYPE_DIFFERENTIAL ? "Differential base LSN" : "Database backup LSN";
 }
 
-std::string Json(const std::string& s) { return Json(ZirlaneWide(s)); }
+const char* BaseLsnKey(const SQL_ConfigRecords& c) {
+    return c.m_iBackupType == SQL_BTYPE_DIFFERENTIAL ? "differential_base_lsn" : "database_backup_lsn";
+}
 
 void PrintText(const SQL_ConfigRecords& c, int iDataSet, int iStripes) {
     std::printf("Backup type:           %s\n", TypeName(c.m_iBackupType));
@@ -83,12 +63,12 @@ void PrintText(const SQL_ConfigRecords& c, int iDataSet, int iStripes) {
                 Build(c.m_iServerVersion).c_str());
     std::printf("Database:              %s\n", ZirlaneUtf8(c.m_wsDatabaseName).c_str());
     std::printf("Server:                %s\n", ZirlaneUtf8(c.m_wsServerName).c_str());
-    std::printf("First LSN:             %s\n", Lsn(c.m_firstLsn).c_str());
-    std::printf("Last LSN:              %s\n", Lsn(c.m_lastLsn).c_str());
-    std::printf("Checkpoint LSN:        %s\n", Lsn(c.m_checkpointLsn).c_str());
-    std::printf("Differential base LSN: %s\n", Lsn(c.m_differentialBaseLsn).c_str());
-    std::printf("Backup start:          %s\n", Date(c.m_backupStart).c_str());
-    std::printf("Backup finish:         %s\n", Date(c.m_backupFinish).c_str());
+    std::printf("First LSN:             %s\n", ZirlaneLsn(c.m_firstLsn).c_str());
+    std::printf("Last LSN:              %s\n", ZirlaneLsn(c.m_lastLsn).c_str());
+    std::printf("Checkpoint LSN:        %s\n", ZirlaneLsn(c.m_checkpointLsn).c_str());
+    std::printf("%-23s%s\n", (std::string(BaseLsnLabel(c)) + ":").c_str(), ZirlaneLsn(c.m_differentialBaseLsn).c_str());
+    std::printf("Backup start:          %s\n", ZirlaneDate(c.m_backupStart).c_str());
+    std::printf("Backup finish:         %s\n", ZirlaneDate(c.m_backupFinish).c_str());
     std::printf("Data set:              %d\n", iDataSet);
     std::printf("Stripes:               %d\n", iStripes);
     std::printf("Files:\n  %4s  %-5s  %14s  %-24s  %s\n", "id", "type", "size", "logical name", "physical name");
@@ -100,14 +80,14 @@ void PrintText(const SQL_ConfigRecords& c, int iDataSet, int iStripes) {
 
 void PrintJson(const SQL_ConfigRecords& c, int iDataSet, int iStripes) {
     std::printf("{\"type\": \"%s\", \"version\": %d, \"build\": %s, \"database\": %s, \"server\": %s, ",
-                TypeName(c.m_iBackupType), c.m_iVersion, Json(Build(c.m_iServerVersion)).c_str(),
+                TypeName(c.m_iBackupType), c.m_iVersion, ZirlaneJson(Build(c.m_iServerVersion)).c_str(),
                 Json(c.m_wsDatabaseName).c_str(), Json(c.m_wsServerName).c_str());
-    std::printf("\"first_lsn\": \"%s\", \"last_lsn\": \"%s\", \"checkpoint_lsn\": \"%s\", "
-                "\"differential_base_lsn\": \"%s\", ",
-                Lsn(c.m_firstLsn).c_str(), Lsn(c.m_lastLsn).c_str(), Lsn(c.m_checkpointLsn).c_str(),
-                Lsn(c.m_differentialBaseLsn).c_str());
+    std::printf("\"first_lsn\": \"%s\", \"last_lsn\": \"%s\", \"checkpoint_lsn\": \"%s\", \"%s\": \"%s\", ",
+                ZirlaneLsn(c.m_firstLsn).c_str(), ZirlaneLsn(c.m_lastLsn).c_str(), ZirlaneLsn(c.m_checkpointLsn).c_str(),
+                BaseLsnKey(c), ZirlaneLsn(c.m_differentialBaseLsn).c_str());
     std::printf("\"start\": %s, \"finish\": %s, \"data_set\": %d, \"stripes\": %d, \"files\": [",
-                Json(Date(c.m_backupStart)).c_str(), Json(Date(c.m_backupFinish)).c_str(), iDataSet, iStripes);
+                ZirlaneJson(ZirlaneDate(c.m_backupStart)).c_str(), ZirlaneJson(ZirlaneDate(c.m_backupFinish)).c_str(),
+                iDataSet, iStripes);
     const char* szSep = "";
     for (const SQL_FileEntry& f : c.m_aFiles) {
         std::printf("%s{\"file_id\": %u, \"logical_name\": %s, \"physical_name\": %s, \"type\": \"%s\", "
@@ -119,32 +99,18 @@ void PrintJson(const SQL_ConfigRecords& c, int iDataSet, int iStripes) {
     std::printf("]}\n");
 }
 
-int RunInfo(const InfoOptions& o) {
-    if (!ZirlaneUseMapFolder(o.mapFolder)) {
-        std::fprintf(stderr, "The map folder name is too long: %s\n", o.mapFolder.c_str());
-        return ZIRLANE_EXIT_FAILED;
-    }
-    ZR_Backup backup(nullptr);
-    backup.SetDataSetNumber(o.iDataSet);
-    for (const std::string& f : o.files)
-        backup.AddFile(ZirlaneWide(f).c_str(), nullptr, false);
+bool RunInfo(const InfoOptions& o) {
+    if (!ZirlaneUseMapFolder(o.mapFolder)) return false;
+    std::unique_ptr<ZR_Backup> backup = ZirlaneNewBackup(o.files, o.iDataSet);
     int32_t iVersion = 0;
     SQL_ConfigRecords config;
-    if (!backup.PrepareContent(&iVersion) || !backup.m_pCMaps->m_ConfigMSCI.Describe(&config, nullptr)) {
-        ZirlanePrintErrors();
-        return ZIRLANE_EXIT_FAILED;
-    }
-    // The finish of the backup is known only at its end: the closing
-    // configuration has it.
-    SQL_ConfigRecords closing;
-    if (MTF_IsNoDate(config.m_backupFinish) && backup.m_pCMaps->m_ConfigMSLS.Describe(&closing, nullptr))
-        config.m_backupFinish = closing.m_backupFinish;
-    int iStripes = backup.m_pCMaps->GetRequiredFiles();
+    if (!backup->PrepareContent(&iVersion) || !ZirlaneDescribe(*backup, &config)) return false;
+    int iStripes = backup->m_pCMaps->GetRequiredFiles();
     if (o.bJson)
-        PrintJson(config, backup.GetDataSetNumber(), iStripes);
+        PrintJson(config, backup->GetDataSetNumber(), iStripes);
     else
-        PrintText(config, backup.GetDataSetNumber(), iStripes);
-    return ZIRLANE_EXIT_OK;
+        PrintText(config, backup->GetDataSetNumber(), iStripes);
+    return true;
 }
 
 }  // namespace
@@ -152,12 +118,9 @@ int RunInfo(const InfoOptions& o) {
 void AddInfoCommand(CLI::App& app, int* piExit) {
     auto pOptions = std::make_shared<InfoOptions>();
     CLI::App* cmd = app.add_subcommand("info", "What a backup holds: type, version, database, LSNs, dates, files");
-    cmd->add_option("--data-set", pOptions->iDataSet, "Number of the data set in the files (from 1)")
-        ->check(CLI::PositiveNumber);
+    ZirlaneAddDataSetOption(*cmd, &pOptions->iDataSet, "Number of the data set in the files (from 1)");
     ZirlaneAddMapFolderOption(*cmd, &pOptions->mapFolder);
     cmd->add_flag("--json", pOptions->bJson, "One JSON object instead of text");
-    cmd->add_option("FILE", pOptions->files, "The files of one backup (the stripes, in any order)")
-        ->required()
-        ->check(CLI::ExistingFile);
-    cmd->callback([pOptions, piExit] { *piExit = RunInfo(*pOptions); });
+    cmd->add_option("FILE", pOptions->files, "The files of one backup (the stripes, in any order)")->required();
+    cmd->callback([pOptions, piExit] { *piExit = ZirlaneFinish(RunInfo(*pOptions)); });
 }

@@ -7,6 +7,7 @@
 #include <system_error>
 
 #include "Commands.h"
+#include "diag/ZR_Error.h"
 #include "maps/X_MapFile.h"
 
 std::string ZirlaneDefaultMapFolder() {
@@ -22,11 +23,21 @@ std::string ZirlaneDefaultMapFolder() {
 }
 
 bool ZirlaneUseMapFolder(const std::string& folder) {
+    std::wstring w = ZirlaneWide(folder);
+    SetLastError(NO_ERROR);
+    if (w.size() >= MAX_PATH) {
+        ZR_Error(nullptr, __FILE__, "ZirlaneUseMapFolder", __LINE__,
+                 "The map folder name is too long (%d characters, at most %d): %s\n", static_cast<int>(w.size()),
+                 MAX_PATH - 1, folder.c_str());
+        return false;
+    }
     std::error_code ec;
     std::filesystem::create_directories(folder, ec);
-    std::wstring w = ZirlaneWide(folder);
-    if (w.size() >= MAX_PATH)
+    if (ec) {
+        ZR_Error(nullptr, __FILE__, "ZirlaneUseMapFolder", __LINE__, "Unable to create the map folder %s: %s.\n",
+                 folder.c_str(), ec.message().c_str());
         return false;
+    }
     std::wmemcpy(g_wszMapFilesFolder, w.c_str(), w.size() + 1);
     return true;
 }

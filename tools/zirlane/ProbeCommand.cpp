@@ -1,5 +1,5 @@
-// zirlane probe [--data-set N] FILE...: what the probe learns of the files
-// of one backup, printed in stripe order.
+// zirlane probe [--data-set N] [--json] FILE...: what the probe learns of
+// the files of one backup, printed in stripe order.
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -14,70 +14,86 @@ namespace {
 
 struct ProbeOptions {
     int iDataSet = 1;
+    bool bJson = false;
     std::vector<std::string> aFiles;
 };
 
-std::string FormatDate(const MTF_DATE_TIME& dt) {
-    SYSTEMTIME st;
-    if (!MTF_DecodeDateTime(dt, &st)) return "none";
-    char sz[64];
-    std::snprintf(sz, sizeof sz, "%04u-%02u-%02u %02u:%02u:%02u", st.wYear, st.wMonth, st.wDay, st.wHour, st.wMinute,
-                  st.wSecond);
-    return sz;
+// What the probe learnt, in the words of both outputs.
+struct ProbeFacts {
+    std::vector<std::pair<unsigned, std::string>> aStripes;  // sequence number and file, in stripe order
+    char szFamily[16] = {};
+    std::string mediaDate;
+    std::string writeDate;
+    int iVersion = 0;        // 0: no configuration seen
+    std::string versionName;
+    char cType = '-';
+    std::string typeName;
+};
+
+std::string DateOrNone(const MTF_DATE_TIME& date) {
+    std::string text = ZirlaneDate(date);
+    return text.empty() ? "none" : text;
 }
 
-std::string VersionName(int iVersion) {
-    switch (iVersion) {
-        case 7: return "SQL Server 7";
-        case 8: return "SQL Server 2000";
-        case 9: return "SQL Server 2005";
-        case 10: return "SQL Server 2008";
-        default: return "not supported";
-    }
-}
-
-void PrintFiles(ZR_Backup& b, const ProbeOptions& options) {
-    std::vector<int> aOrder = ZR_ScanProbe::StripeOrder(&b);
-    int n = b.GetNumFiles();
-    for (int i : aOrder) {
+ProbeFacts Facts(ZR_Backup& b, const ProbeOptions& options) {
+    ProbeFacts facts;
+    for (int i : ZR_ScanProbe::StripeOrder(&b)) {
         unsigned iSequence = MTF_RaidSequence(b.m_pRaids[i]);
-        std::printf("file %u of %d: %s\n", iSequence ? iSequence : static_cast<unsigned>(i + 1), n,
-                    options.aFiles[static_cast<size_t>(i)].c_str());
+        facts.aStripes.emplace_back(iSequence ? iSequence : static_cast<unsigned>(i + 1),
+                                    options.aFiles[static_cast<size_t>(i)]);
     }
+    const ZR_ScanIdentity& id = b.m_ProbeIdentity;
+    std::snprintf(facts.szFamily, sizeof facts.szFamily, "0x%08x", id.m_iMediaFamilyId);
+    facts.mediaDate = DateOrNone(id.m_MediaDate);
+    facts.writeDate = DateOrNone(id.m_MediaWriteDate);
+    if (id.m_iServerVersion != 0) {
+        facts.iVersion = SQL_MajorVersion(id.m_iServerVersion);
+        const char* szName = ZR_ServerVersionName(facts.iVersion);
+        facts.versionName = *szName ? szName : "not supported";
+        facts.cType = id.m_iBackupType ? static_cast<char>(id.m_iBackupType) : '-';
+        facts.typeName = SQL_BackupTypeLabel(id.m_iBackupType);
+    }
+    return facts;
 }
 
-void PrintNative(ZR_Backup& b, const ProbeOptions& options) {
-    const ZR_ScanIdentity& id = b.m_ProbeIdentity;
-    PrintFiles(b, options);
-    std::printf("media family: 0x%08x\n", id.m_iMediaFamilyId);
-    std::printf("media date: %s\n", FormatDate(id.m_MediaDate).c_str());
-    std::printf("write date: %s\n", FormatDate(id.m_MediaWriteDate).c_str());
-    std::printf("data set: %d\n", options.iDataSet);
-    if (id.m_iServerVersion == 0) {
+void PrintText(const ProbeFacts& f, int iDataSet) {
+    for (const auto& [iSequence, file] : f.aStripes)
+        std::printf("file %u of %zu: %s\n", iSequence, f.aStripes.size(), file.c_str());
+    std::printf("media family: %s\nmedia date: %s\nwrite date: %s\ndata set: %d\n", f.szFamily, f.mediaDate.c_str(),
+                f.writeDate.c_str(), iDataSet);
+    if (f.iVersion == 0) {
         std::printf("version: unknown\ntype: unknown\n");
         return;
     }
-    int iVersion = SQL_MajorVersion(id.m_iServerVersion);
-    std::printf("version: %d (%s)\n", iVersion, VersionName(iVersion).c_str());
-    std::printf("type: %c (%s)\n", id.m_iBackupType ? id.m_iBackupType : '-', SQL_BackupTypeLabel(id.m_iBackupType));
+    std::printf("version: %d (%s)\ntype: %c (%s)\n", f.iVersion, f.versionName.c_str(), f.cType, f.typeName.c_str());
 }
 
-int RunProbe(const ProbeOptions& options) {
-    auto pB = std::make_unique<ZR_Backup>(nullptr);
-    pB->SetDataSetNumber(options.iDataSet);
-    for (const auto& s : options.aFiles) pB->AddFile(ZirlaneWide(s).c_str(), nullptr, false);
-    ZR_ScanProbe probe(pB.get(), options.iDataSet);
-    if (!probe.ScanFiles()) {
-        ZirlanePrintErrors();
-        return ZIRLANE_EXIT_FAILED;
+void PrintJson(const ProbeFacts& f, int iDataSet) {
+    std::printf("{\"files\": [");
+    const char* szSep = "";
+    for (const auto& [iSequence, file] : f.aStripes) {
+        std::printf("%s{\"stripe\": %u, \"file\": %s}", szSep, iSequence, ZirlaneJson(file).c_str());
+        szSep = ", ";
     }
-    if (pB->m_eBackend != ZR_BACKEND_MTF) {
-        ZirlanePrintErrors();
-        std::fputs("No backup file among those given could be read.\n", stderr);
-        return ZIRLANE_EXIT_FAILED;
-    }
-    PrintNative(*pB, options);
-    return ZIRLANE_EXIT_OK;
+    std::printf("], \"media_family\": \"%s\", \"media_date\": %s, \"write_date\": %s, \"data_set\": %d", f.szFamily,
+                ZirlaneJson(f.mediaDate).c_str(), ZirlaneJson(f.writeDate).c_str(), iDataSet);
+    if (f.iVersion != 0)
+        std::printf(", \"version\": %d, \"version_name\": %s, \"type\": \"%c\", \"type_name\": %s", f.iVersion,
+                    ZirlaneJson(f.versionName).c_str(), f.cType, ZirlaneJson(f.typeName).c_str());
+    std::printf("}\n");
+}
+
+bool RunProbe(const ProbeOptions& options) {
+    std::unique_ptr<ZR_Backup> pB = ZirlaneNewBackup(options.aFiles, options.iDataSet);
+    if (!ZR_ScanProbe::Run(pB.get(), options.iDataSet)) return false;
+    if (pB->m_eBackend != ZR_BACKEND_MTF)
+        return ZirlaneFail(__FILE__, __LINE__, "No file among those given is a backup that can be read.\n");
+    ProbeFacts facts = Facts(*pB, options);
+    if (options.bJson)
+        PrintJson(facts, options.iDataSet);
+    else
+        PrintText(facts, options.iDataSet);
+    return true;
 }
 
 }  // namespace
@@ -85,8 +101,8 @@ int RunProbe(const ProbeOptions& options) {
 void AddProbeCommand(CLI::App& app, int* piExit) {
     auto pOptions = std::make_shared<ProbeOptions>();
     CLI::App* pCommand = app.add_subcommand("probe", "Show which files of a backup belong together and what identifies them");
-    pCommand->add_option("--data-set", pOptions->iDataSet, "Number of the data set in the files (from 1)")
-        ->check(CLI::PositiveNumber);
+    ZirlaneAddDataSetOption(*pCommand, &pOptions->iDataSet, "Number of the data set in the files (from 1)");
+    pCommand->add_flag("--json", pOptions->bJson, "One JSON object instead of text");
     pCommand->add_option("files", pOptions->aFiles, "The backup files, stripes in any order")->required();
-    pCommand->callback([pOptions, piExit]() { *piExit = RunProbe(*pOptions); });
+    pCommand->callback([pOptions, piExit]() { *piExit = ZirlaneFinish(RunProbe(*pOptions)); });
 }

@@ -3,23 +3,22 @@
 // that SQL Server's RESTORE reads from offset 0 to the view's size, read in
 // pieces of 64 KiB as RESTORE reads them. --diff-follows makes the view of a
 // full backup over which a differential is restored (its log part cut out
-// too).
+// too). OUT "-" is standard output.
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
-#include <fstream>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "Commands.h"
+#include "OutputFile.h"
+#include "Progress.h"
 #include "backup/ZR_Backup.h"
-#include "diag/ZR_Error.h"
 
 namespace {
 
-constexpr const wchar_t* kKey = nullptr;  // errors go to the chain without a mount key
-constexpr uint32_t kPiece = 0x10000;      // RESTORE's read size
+constexpr uint32_t kPiece = 0x10000;  // RESTORE's read size
 
 struct ViewOptions {
     int iDataSet = 1;
@@ -28,60 +27,74 @@ struct ViewOptions {
     int iStripe = 1;
     std::string out;
     std::vector<std::string> aFiles;
+
+    bool ToStdout() const { return out == "-"; }
 };
 
-// Records a failure about a file or folder name and an offset or number.
-bool Fail(int iLine, const char* szFormat, const std::string& s, long long i) {
-    ZR_Error(kKey, __FILE__, "ViewCommand", iLine, szFormat, s.c_str(), i);
-    return false;
-}
+// Writes one piece at its offset; false after recording why.
+using PieceWriter = std::function<bool(uint64_t iOfs, const uint8_t* p, uint32_t iLen)>;
 
 std::unique_ptr<ZR_Backup> PrepareBackup(const ViewOptions& options) {
-    auto b = std::make_unique<ZR_Backup>(kKey);
-    b->SetDataSetNumber(options.iDataSet);
+    std::unique_ptr<ZR_Backup> b = ZirlaneNewBackup(options.aFiles, options.iDataSet);
     b->m_bDiffFollows = options.bDiffFollows;
-    for (const std::string& f : options.aFiles) b->AddFile(ZirlaneWide(f).c_str(), nullptr, false);
     int32_t iVersion = 0;
     // The first extents of the view come through the extent map.
     if (!b->PrepareContent(&iVersion) || !b->Open() || !b->PrepareAccess(0)) return nullptr;
     if (options.bDiffFollows && !b->IsFullBackup()) return nullptr;
+    ZirlaneStepSucceeded();
     return b;
+}
+
+bool CopyView(ZR_Backup& backup, int iDevice, int64_t iSize, const std::string& label, const PieceWriter& write) {
+    std::vector<uint8_t> aPiece(kPiece);
+    ZirlaneProgress progress(label, static_cast<uint64_t>(iSize));
+    for (int64_t iOfs = 0; iOfs < iSize; iOfs += kPiece) {
+        if (ZirlaneStopRequested()) return false;
+        const uint32_t n = static_cast<uint32_t>(std::min<int64_t>(kPiece, iSize - iOfs));
+        OVERLAPPED ov{};
+        ov.Offset = static_cast<DWORD>(iOfs);
+        ov.OffsetHigh = static_cast<DWORD>(static_cast<uint64_t>(iOfs) >> 32);
+        if (!backup.ReadVirtual(iDevice, aPiece.data(), n, 0, &ov))
+            return ZirlaneFail(__FILE__, __LINE__, "Read of the view for %s failed at offset %I64d.\n", label.c_str(), iOfs);
+        if (!write(static_cast<uint64_t>(iOfs), aPiece.data(), n)) return false;
+        progress.Update(static_cast<uint64_t>(iOfs) + n);
+    }
+    return true;
+}
+
+bool WriteToStdout(uint64_t iOfs, const uint8_t* p, uint32_t iLen) {
+    if (std::fwrite(p, 1, iLen, stdout) == iLen) return true;
+    return ZirlaneFail(__FILE__, __LINE__, "Unable to write to standard output at offset %I64d.\n", iOfs);
 }
 
 bool WriteView(ZR_Backup& backup, const ViewOptions& options, int64_t* piSize) {
     const int iDevice = options.iStripe - 1;
     if (iDevice >= backup.GetNumFiles())
-        return Fail(__LINE__, "The backup of %s has no stripe %I64d.\n", options.aFiles.front(), options.iStripe);
+        return ZirlaneFail(__FILE__, __LINE__, "The backup of %s has no stripe %d.\n", options.aFiles.front().c_str(),
+                           options.iStripe);
     *piSize = backup.GetVirtualSize(iDevice);
     if (*piSize < 0)
-        return Fail(__LINE__, "The view of %s has no size (stripe %I64d).\n", options.aFiles.front(), options.iStripe);
-    std::ofstream out(options.out, std::ios::binary | std::ios::trunc);
-    if (!out) return Fail(__LINE__, "Unable to create %s (error %I64d).\n", options.out, errno);
-    std::vector<uint8_t> aPiece(kPiece);
-    for (int64_t iOfs = 0; iOfs < *piSize; iOfs += kPiece) {
-        const uint32_t n = static_cast<uint32_t>(std::min<int64_t>(kPiece, *piSize - iOfs));
-        OVERLAPPED ov{};
-        ov.Offset = static_cast<DWORD>(iOfs);
-        ov.OffsetHigh = static_cast<DWORD>(static_cast<uint64_t>(iOfs) >> 32);
-        if (!backup.ReadVirtual(iDevice, aPiece.data(), n, 0, &ov))
-            return Fail(__LINE__, "Read of the view for %s failed at offset %I64d.\n", options.out, iOfs);
-        out.write(reinterpret_cast<const char*>(aPiece.data()), n);
-        if (!out) return Fail(__LINE__, "Unable to write %s at offset %I64d.\n", options.out, iOfs);
-    }
-    return true;
+        return ZirlaneFail(__FILE__, __LINE__, "The view of %s has no size (stripe %d).\n",
+                           options.aFiles.front().c_str(), options.iStripe);
+    ZirlaneCatchInterrupts();
+    if (options.ToStdout()) return CopyView(backup, iDevice, *piSize, "view", WriteToStdout) && std::fflush(stdout) == 0;
+    ZirlaneOutputFile out;
+    if (!out.Create(options.out, static_cast<uint64_t>(*piSize))) return false;
+    auto write = [&out](uint64_t iOfs, const uint8_t* p, uint32_t iLen) { return out.WriteAt(iOfs, p, iLen); };
+    if (CopyView(backup, iDevice, *piSize, options.out, write) && out.Commit()) return true;
+    return ZirlaneFail(__FILE__, __LINE__, "%s was not written whole and was removed.\n", options.out.c_str());
 }
 
 bool RunView(const ViewOptions& options) {
-    if (!ZirlaneUseMapFolder(options.mapFolder))
-        return Fail(__LINE__, "The map folder name is too long: %s (%I64d characters)\n", options.mapFolder,
-                    static_cast<long long>(options.mapFolder.size()));
+    if (!ZirlaneUseMapFolder(options.mapFolder)) return false;
     std::unique_ptr<ZR_Backup> backup = PrepareBackup(options);
     if (!backup) return false;
     int64_t iSize = 0;
     if (!WriteView(*backup, options, &iSize)) return false;
-    std::printf("%s: %lld bytes, the view of stripe %d of %d%s\n", options.out.c_str(),
-                static_cast<long long>(iSize), options.iStripe, backup->GetNumFiles(),
-                options.bDiffFollows ? ", a differential follows" : "");
+    // With the view on standard output, what is said about it goes to stderr.
+    std::fprintf(options.ToStdout() ? stderr : stdout, "%s: %lld bytes, the view of stripe %d of %d%s\n",
+                 options.ToStdout() ? "standard output" : options.out.c_str(), static_cast<long long>(iSize),
+                 options.iStripe, backup->GetNumFiles(), options.bDiffFollows ? ", a differential follows" : "");
     return true;
 }
 
@@ -91,22 +104,14 @@ void AddViewCommand(CLI::App& app, int* piExit) {
     auto options = std::make_shared<ViewOptions>();
     CLI::App* cmd = app.add_subcommand(
         "view", "Write the virtual backup file that RESTORE reads for one stripe of a backup");
-    cmd->add_option("--data-set", options->iDataSet, "Data set of the backup in its files")
-        ->default_val(1)
-        ->check(CLI::PositiveNumber);
+    ZirlaneAddDataSetOption(*cmd, &options->iDataSet, "Data set of the backup in its files");
     ZirlaneAddMapFolderOption(*cmd, &options->mapFolder);
     cmd->add_flag("--diff-follows", options->bDiffFollows,
                   "The view of a full backup over which a differential is restored");
     cmd->add_option("--stripe", options->iStripe, "The stripe whose view is written, from 1")
         ->default_val(1)
-        ->check(CLI::PositiveNumber);
-    cmd->add_option("-o,--output", options->out, "The file to write")->required();
-    cmd->add_option("files", options->aFiles, "The backup files, stripes in any order")
-        ->required()
-        ->check(CLI::ExistingFile);
-    cmd->callback([options, piExit] {
-        bool bOk = RunView(*options);
-        if (!bOk) ZirlanePrintErrors();
-        *piExit = bOk ? ZIRLANE_EXIT_OK : ZIRLANE_EXIT_FAILED;
-    });
+        ->check(ZirlaneWholeNumber(64));
+    cmd->add_option("-o,--output", options->out, "The file to write; - for standard output")->required();
+    cmd->add_option("files", options->aFiles, "The backup files, stripes in any order")->required();
+    cmd->callback([options, piExit] { *piExit = ZirlaneFinish(RunView(*options)); });
 }
