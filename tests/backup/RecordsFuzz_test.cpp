@@ -52,19 +52,16 @@ const Inputs& RealInputs() {
             auto path = zrtest::TestDataFile(szName);
             if (!path)
                 continue;
-            std::vector<uint8_t> a = ReadWhole(*path);
-            for (const Item& item : Walk(a)) {
-                const uint8_t* p = a.data() + item.m_iOffset;
-                size_t iLeft = a.size() - size_t(item.m_iOffset);
-                if (item.m_bBlock) {
-                    size_t iLen = std::min<size_t>(MTF_BlockLength(p, iLeft), iLeft);
-                    in.m_aBlocks.emplace_back(p, p + iLen);
-                } else if (item.m_iId == MTF_ID_MQCI) {
-                    auto hdr = Load<MTF_STREAM_HDR>(a, size_t(item.m_iOffset));
-                    size_t iLen = std::min<size_t>(hdr.m_length, iLeft - MTF_STREAM_HDR_SIZE);
-                    in.m_aConfigs.emplace_back(p + MTF_STREAM_HDR_SIZE, p + MTF_STREAM_HDR_SIZE + iLen);
-                }
+            const std::vector<uint8_t> a = ReadWhole(*path);
+            const zrtest::MtfWalk walk = zrtest::MtfWalker::WalkBytes(a);
+            for (const zrtest::MtfBlockInfo& block : walk.blocks) {
+                const uint8_t* p = a.data() + block.offset;
+                const size_t iLeft = a.size() - block.offset;
+                in.m_aBlocks.emplace_back(p, p + std::min<size_t>(MTF_BlockLength(p, iLeft), iLeft));
             }
+            for (const zrtest::MtfDataSet& set : walk.dataSets)
+                for (const zrtest::MtfSqlConfig* pConfig : {&set.msci, &set.msls})
+                    in.m_aConfigs.push_back(ConfigData(a, *pConfig));
         }
         return in;
     }();
