@@ -32,12 +32,6 @@ ScanRun Walk(const std::vector<fs::path>& aFiles, int iDataSet) {
     return run;
 }
 
-zrtest::SyntheticBackup WriteSynthetic(const fs::path& path, zrtest::SyntheticOptions options) {
-    zrtest::SyntheticBackup backup(std::move(options));
-    EXPECT_TRUE(backup.Write(path)) << backup.Error();
-    return backup;
-}
-
 const RecordingScan::Block* FirstBlock(const RecordingScan& scan, const std::string& sType) {
     for (const auto& b : scan.m_aBlocks)
         if (b.sType == sType) return &b;
@@ -48,7 +42,15 @@ class ScanTest : public ::testing::Test {
 protected:
     void SetUp() override { ZR_ClearErrors(nullptr); }
     void TearDown() override { ZR_ClearErrors(nullptr); }
+    // A synthetic backup written into the temporary folder; its file is
+    // Stripes()[0].path.
+    zrtest::SyntheticBackup Synthetic(const zrtest::SyntheticOptions& options) {
+        zrtest::SyntheticBackup backup(options);
+        EXPECT_TRUE(backup.Write(m_tmp / ("synthetic" + std::to_string(++m_iFiles) + ".bak"))) << backup.Error();
+        return backup;
+    }
     zrtest::TempDir m_tmp;
+    int m_iFiles = 0;
 };
 
 }  // namespace
@@ -214,11 +216,7 @@ TEST_F(ScanTest, DataOfSqlStreamsIsNeverRead) {
 // Whichever disk read fails, the scan either ends with a recorded error or
 // succeeds, and every file it opened is closed again.
 TEST_F(ScanTest, FailedReadAnywhereEndsCleanly) {
-    zrtest::SyntheticOptions options;
-    options.version = 10;
-    options.dataSets = 3;
-    fs::path path = m_tmp / "faults.bak";
-    auto backup = WriteSynthetic(path, options);
+    const fs::path path = Synthetic({.dataSets = 3}).Stripes()[0].path;
     size_t iHandlesBefore = pt::OpenFileHandleCount();
     int iFailAt = 1;
     for (bool bHitFault = true; bHitFault; ++iFailAt) {
@@ -255,11 +253,7 @@ TEST_F(ScanTest, UnsupportedFileAmongGoodOnesOnlyWarns) {
 TEST_F(ScanTest, OlderVersionsWalk) {
     for (int iVersion : {7, 8}) {
         SCOPED_TRACE(iVersion);
-        zrtest::SyntheticOptions options;
-        options.version = iVersion;
-        fs::path path = m_tmp / ("v" + std::to_string(iVersion) + ".bak");
-        auto backup = WriteSynthetic(path, options);
-        ScanRun run = Walk({path}, 1);
+        ScanRun run = Walk({Synthetic({.version = iVersion}).Stripes()[0].path}, 1);
         EXPECT_TRUE(run.bResult);
         EXPECT_EQ(run.pScan->m_aSsets, std::vector<int>{1});
         EXPECT_EQ(run.pScan->Count("MSDA"), 1);
@@ -276,14 +270,10 @@ TEST_F(ScanTest, SeekFindsTheDataSetThroughTheFilemarks) {
         std::vector<int> aWanted;
     } aCases[] = {{9, 6, {2, 3, 4, 5, 6}}, {10, 6, {2, 3, 4, 5, 6}}, {10, 24, {2, 5, 23, 24}}};
     for (const auto& c : aCases) {
-        zrtest::SyntheticOptions options;
-        options.version = c.iVersion;
-        options.dataSets = c.iDataSets;
-        options.filePages = {8};
-        fs::path path = m_tmp / ("sets" + std::to_string(c.iVersion) + "_" + std::to_string(c.iDataSets) + ".bak");
-        auto backup = WriteSynthetic(path, options);
+        const fs::path path =
+            Synthetic({.version = c.iVersion, .filePages = {8}, .dataSets = c.iDataSets}).Stripes()[0].path;
         for (int iDataSet : c.aWanted) {
-            SCOPED_TRACE(path.filename().string() + " data set " + std::to_string(iDataSet));
+            SCOPED_TRACE(testing::Message() << "version " << c.iVersion << " data set " << iDataSet);
             ScanRun run = Walk({path}, iDataSet);
             ASSERT_TRUE(run.bResult) << zrtest::ErrorTextNarrow();
             EXPECT_EQ(run.pScan->m_aSsets, std::vector<int>{iDataSet});
@@ -296,12 +286,7 @@ TEST_F(ScanTest, SeekFindsTheDataSetThroughTheFilemarks) {
 }
 
 TEST_F(ScanTest, DamagedLastFilemarkFallsBackToTheBlockWalk) {
-    zrtest::SyntheticOptions options;
-    options.version = 9;
-    options.dataSets = 4;
-    options.damage.badLastFilemark = true;
-    fs::path path = m_tmp / "badmark.bak";
-    auto backup = WriteSynthetic(path, options);
+    const fs::path path = Synthetic({.version = 9, .dataSets = 4, .damage = {.badLastFilemark = true}}).Stripes()[0].path;
     ScanRun run = Walk({path}, 3);
     ASSERT_TRUE(run.bResult) << zrtest::ErrorTextNarrow();
     EXPECT_EQ(run.pScan->m_aSsets, std::vector<int>{3});
@@ -311,12 +296,7 @@ TEST_F(ScanTest, DamagedLastFilemarkFallsBackToTheBlockWalk) {
 }
 
 TEST_F(ScanTest, HeaderRunBehindPh6sIsWalked) {
-    zrtest::SyntheticOptions options;
-    options.version = 10;
-    options.ph6sFiles = 3;
-    fs::path path = m_tmp / "ph6s.bak";
-    auto backup = WriteSynthetic(path, options);
-    ScanRun run = Walk({path}, 1);
+    ScanRun run = Walk({Synthetic({.ph6sFiles = 3}).Stripes()[0].path}, 1);
     ASSERT_TRUE(run.bResult) << zrtest::ErrorTextNarrow();
     EXPECT_EQ(run.pScan->m_aHeaderLengths, (std::vector<uint32_t>{700, 1000, 1300, 0}));
     // The blocks behind the run were found again.
@@ -327,8 +307,8 @@ TEST_F(ScanTest, HeaderRunBehindPh6sIsWalked) {
 // A header whose checksum holds but whose length cannot move the walk on
 // must not hold the walk at one place.
 TEST_F(ScanTest, BlockOfZeroLengthIsRefused) {
-    fs::path path = m_tmp / "zero.bak";
-    auto backup = WriteSynthetic(path, zrtest::SyntheticOptions());
+    const auto backup = Synthetic({});
+    const fs::path path = backup.Stripes()[0].path;
     uint64_t iSset = 0;
     for (const auto& b : backup.Stripes()[0].blocks)
         if (b.type == "SSET") iSset = b.offset;
