@@ -72,15 +72,9 @@ LSN WalkerLsn(const zrtest::MtfLsn& lsn) { return LSN{lsn.seqNo, lsn.blockOffset
 
 }  // namespace
 
-TEST(SqlLayouts, SizesFollowTheServerVersion) {
-    EXPECT_EQ(SQL_ConfigInfoSize(7), 240u);
-    EXPECT_EQ(SQL_ConfigInfoSize(8), 240u);
-    EXPECT_EQ(SQL_ConfigInfoSize(9), 344u);
-    EXPECT_EQ(SQL_ConfigInfoSize(10), 344u);
-    EXPECT_EQ(SQL_FilegroupInfoSize(8), 20u);
-    EXPECT_EQ(SQL_FilegroupInfoSize(9), 48u);
-    EXPECT_EQ(SQL_FileInfoSize(8), 186u);
-    EXPECT_EQ(SQL_FileInfoSize(10), 402u);
+// The record sizes of each layout are proven by the walks below (versions 7
+// and 8 by hand, 9 and later on the real backups); the log header is not.
+TEST(SqlLayouts, LogHeaderSizeAndUnknownVersions) {
     EXPECT_EQ(SQL_BackupLogHdrSize(7), 32u);
     EXPECT_EQ(SQL_BackupLogHdrSize(8), 36u);
     EXPECT_EQ(SQL_BackupLogHdrSize(10), 36u);

@@ -143,19 +143,8 @@ TEST_F(TraceRing, ModeZeroAndTheLimitDropLines) {
     EXPECT_EQ(Captured(), (std::vector<std::string>{"line 1\n", "line 3\n", "line 4\n"}));
 }
 
-TEST_F(TraceRing, ModeTwoStartsTheFileAnewAtLine10002) {
-    const auto path = m_dir / "trace.txt";
-    ASSERT_TRUE(SetTracePath(path.wstring().c_str()));
-    TraceSetup(kTraceNoLimit, kTraceRingSize, 2);
-    Lines(1, 10001);
-    std::vector<std::string> lines = FileMessages(path);
-    ASSERT_EQ(lines.size(), 10001u);
-    EXPECT_EQ(lines.back(), "line 10001");
-    Lines(10002, 10003);
-    EXPECT_EQ(FileMessages(path), (std::vector<std::string>{"line 10002", "line 10003"}));
-}
-
-TEST_F(TraceRing, ModeThreeAppends) {
+// Mode 3 appends to the file; mode 2 starts it anew, and again at line 10,002.
+TEST_F(TraceRing, FileModes) {
     const auto path = m_dir / "trace.txt";
     std::ofstream(path) << "earlier\n";
     SetServiceTracePath(path.wstring().c_str());
@@ -163,6 +152,15 @@ TEST_F(TraceRing, ModeThreeAppends) {
     EXPECT_TRUE(g_bIOInstanceLog);
     Lines(1, 2);
     EXPECT_EQ(FileMessages(path), (std::vector<std::string>{"earlier", "line 1", "line 2"}));
+
+    TraceSetup(kTraceNoLimit, kTraceRingSize, 0);
+    TraceSetup(kTraceNoLimit, kTraceRingSize, 2);
+    Lines(1, 10001);
+    std::vector<std::string> lines = FileMessages(path);
+    ASSERT_EQ(lines.size(), 10001u);
+    EXPECT_EQ(lines.front(), "line 1");
+    Lines(10002, 10003);
+    EXPECT_EQ(FileMessages(path), (std::vector<std::string>{"line 10002", "line 10003"}));
 }
 
 TEST_F(TraceRing, DumpWritesTheRingAndSwitchesToTheFile) {
