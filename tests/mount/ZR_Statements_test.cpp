@@ -177,23 +177,23 @@ TEST_F(Statements, NumberingAndRecoveryFollowTheShapeOfTheChain) {
     EXPECT_NE(Sql(pLogs, 2).find(L"!" + std::to_wstring(Id(pDB, 3, 0)) + L".bxk'\n\nwith recovery"),
               std::wstring::npos);
 
-    // A differential and no log: the differential recovers.
-    ZR_MountInfo* pDiff = Request(1, true, 0, L"diff");
-    ASSERT_NE(Mount(pDiff), nullptr);
-    EXPECT_EQ(GetNumSQL(pDiff), 2);
-    EXPECT_NE(Sql(pDiff, 0).find(L"\nwith \nnorecovery"), std::wstring::npos);
-    EXPECT_TRUE(EndsWith(Sql(pDiff, 1), L"'\n\nwith recovery"));
-}
-
-TEST_F(Statements, NamesAndFileNamesAreQuotedTheWaySqlServerReadsThem) {
-    const wchar_t wszKey[] = L"it's]key";
-    ZR_MountInfo* pInfo = Request(1, false, 0, wszKey);
-    SetTargetDatabase(pInfo, L"Sa]l'es");
-    ZR_Database* pDB = Mount(pInfo);
+    // A differential and no log: the differential recovers. Names are quoted
+    // the way SQL Server reads them.
+    ZR_MountInfo* pDiff = Request(1, true, 0, L"it's]key");
+    SetTargetDatabase(pDiff, L"Sa]l'es");
+    pDB = Mount(pDiff);
     ASSERT_NE(pDB, nullptr);
-    const std::wstring strFull = Sql(pInfo, 0);
+    EXPECT_EQ(GetNumSQL(pDiff), 2);
+    const std::wstring strFull = Sql(pDiff, 0);  // the id is that of the last generation
     EXPECT_EQ(strFull, L"RESTORE DATABASE [Sa]]l'es] FROM DISK=\n'C:\\it''s]key!" + std::to_wstring(Id(pDB, 0, 0)) +
-                           L".bxk'\nwith \nrecovery");
+                           L".bxk'\nwith \nnorecovery");
+    EXPECT_TRUE(EndsWith(Sql(pDiff, 1), L"'\n\nwith recovery"));
+
+    // A full backup alone recovers.
+    ZR_MountInfo* pAlone = Request(1, false, 0, L"alone");
+    ASSERT_NE(Mount(pAlone), nullptr);
+    EXPECT_EQ(GetNumSQL(pAlone), 1);
+    EXPECT_TRUE(EndsWith(Sql(pAlone, 0), L"'\nwith \nrecovery"));
 }
 
 // A stop at a mark by its name holds only where the log is restored; a stop
