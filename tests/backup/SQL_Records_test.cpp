@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <tuple>
 
 #include "MTF_TestFiles.h"
 #include "support/ConfigStream.h"
@@ -72,13 +73,17 @@ LSN WalkerLsn(const zrtest::MtfLsn& lsn) { return LSN{lsn.seqNo, lsn.blockOffset
 
 }  // namespace
 
-// The record sizes of each layout are proven by the walks below (versions 7
-// and 8 by hand, 9 and later on the real backups); the log header is not.
-TEST(SqlLayouts, LogHeaderSizeAndUnknownVersions) {
-    EXPECT_EQ(SQL_BackupLogHdrSize(7), 32u);
-    EXPECT_EQ(SQL_BackupLogHdrSize(8), 36u);
-    EXPECT_EQ(SQL_BackupLogHdrSize(10), 36u);
-    EXPECT_EQ(SQL_ConfigInfoSize(6), 0u);
+// The least size of each record, by which the walk refuses a short one.
+TEST(SqlLayouts, SizesFollowTheServerVersion) {
+    // version: SCIN, SFGI, SFIN, log header
+    const std::tuple<int, uint32_t, uint32_t, uint32_t, uint32_t> aSizes[] = {
+        {6, 0, 0, 0, 0}, {7, 240, 20, 186, 32}, {8, 240, 20, 186, 36}, {9, 344, 48, 402, 36}, {10, 344, 48, 402, 36}};
+    for (const auto& [iVersion, iConfig, iGroup, iFile, iLog] : aSizes) {
+        EXPECT_EQ(std::make_tuple(SQL_ConfigInfoSize(iVersion), SQL_FilegroupInfoSize(iVersion), SQL_FileInfoSize(iVersion),
+                                  SQL_BackupLogHdrSize(iVersion)),
+                  std::make_tuple(iConfig, iGroup, iFile, iLog))
+            << iVersion;
+    }
 }
 
 TEST(SqlConfigWalk, ShortLayoutsOfVersion8) {
