@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <set>
 
 #include "MTF_TestFiles.h"
@@ -26,14 +27,41 @@ MTF_DB_HDR MakeBlock(uint32_t iId, uint16_t iFirstEvent) {
     return hdr;
 }
 
-// The manifest's stripe column "1/2" as (place, count).
-std::pair<int, int> Stripe(const ManifestRow& row) {
-    int iPlace = 0, iCount = 0;
-    std::sscanf(row.at("family").c_str(), "%d/%d", &iPlace, &iCount);
-    return {iPlace, iCount};
+// The blocks met by walking a file with the library's lengths alone: a
+// block steps by its length on the medium, a stream by its header and data.
+// Every header's checksum must hold.
+std::vector<uint64_t> BlocksByLibraryLengths(const std::vector<uint8_t>& a) {
+    std::vector<uint64_t> aBlocks;
+    for (uint64_t iPos = 0, iStep = 1; iStep != 0 && iPos + MTF_STREAM_HDR_SIZE <= a.size(); iPos += iStep) {
+        const uint32_t iId = Load<uint32_t>(a, iPos);
+        if (MTF_IsBlockId(iId)) {
+            EXPECT_TRUE(MTF_IsBlockChecksumValid(Load<MTF_DB_HDR>(a, iPos))) << iPos;
+            iStep = MTF_BlockLength(a.data() + iPos, a.size() - iPos);
+            aBlocks.push_back(iPos);
+        } else {
+            const auto hdr = Load<MTF_STREAM_HDR>(a, iPos);
+            EXPECT_TRUE(MTF_IsStreamId(iId) && MTF_IsStreamChecksumValid(hdr)) << iPos;
+            iStep = MTF_StreamLength(hdr);
+        }
+        EXPECT_NE(iStep, 0u) << iPos;
+    }
+    return aBlocks;
 }
 
-int MajorVersion(const ManifestRow& row) { return std::atoi(row.at("ver").c_str()); }
+uint64_t FirstBlock(const zrtest::MtfWalk& walk, const char* szType) {
+    for (const auto& b : walk.blocks)
+        if (b.type == szType) return b.offset;
+    ADD_FAILURE() << "no " << szType;
+    return 0;
+}
+
+// A string of a block, read through its tape address.
+std::wstring BlockString(const std::vector<uint8_t>& a, uint64_t iBlock, MTF_TAPE_ADDRESS ta) {
+    const auto hdr = Load<MTF_DB_HDR>(a, iBlock);
+    std::wstring ws;
+    EXPECT_TRUE(MTF_ReadString(a.data() + iBlock, hdr.m_first_event_offset, ta, hdr.m_string_type, &ws, kKey));
+    return ws;
+}
 
 }  // namespace
 
@@ -57,30 +85,24 @@ TEST(MtfIds, BlockAndStreamIdentifiersAreKnownAndNothingElse) {
     EXPECT_FALSE(MTF_IsBlockId(0));
 }
 
-TEST(MtfChecksum, EveryCoveredByteOfABlockHeaderCounts) {
-    MTF_DB_HDR hdr = MakeBlock(MTF_ID_SSET, 98);
-    ASSERT_TRUE(MTF_IsBlockChecksumValid(hdr));
-    for (size_t i = 0; i < offsetof(MTF_DB_HDR, m_header_checksum); i++) {
-        MTF_DB_HDR bad = hdr;
-        reinterpret_cast<uint8_t*>(&bad)[i] ^= 0x10;
-        EXPECT_FALSE(MTF_IsBlockChecksumValid(bad)) << "byte " << i;
+// A change of any byte in front of the checksum breaks it.
+template <typename Header>
+void ExpectEveryByteCounts(const Header& hdr, bool (*pfnValid)(const Header&)) {
+    ASSERT_TRUE(pfnValid(hdr));
+    for (size_t i = 0; i < offsetof(Header, m_header_checksum) + 2; i++) {
+        Header bad = hdr;
+        reinterpret_cast<uint8_t*>(&bad)[i] ^= uint8_t(0x11 << (i % 3));
+        EXPECT_FALSE(pfnValid(bad)) << "byte " << i;
     }
-    hdr.m_header_checksum ^= 1;
-    EXPECT_FALSE(MTF_IsBlockChecksumValid(hdr));
 }
 
-TEST(MtfChecksum, StreamHeaderCoversItsTenWords) {
+TEST(MtfChecksum, EveryCoveredByteCounts) {
+    ExpectEveryByteCounts(MakeBlock(MTF_ID_SSET, 98), &MTF_IsBlockChecksumValid);
     MTF_STREAM_HDR hdr{};
     std::memcpy(hdr.m_id, "MQDA", 4);
     hdr.m_length = 0x123456789ull;
     MTF_SetStreamChecksum(hdr);
-    EXPECT_EQ(hdr.m_header_checksum, MTF_XorWords(&hdr, 10));
-    ASSERT_TRUE(MTF_IsStreamChecksumValid(hdr));
-    for (size_t i = 0; i < offsetof(MTF_STREAM_HDR, m_header_checksum); i++) {
-        MTF_STREAM_HDR bad = hdr;
-        reinterpret_cast<uint8_t*>(&bad)[i] ^= 0x80;
-        EXPECT_FALSE(MTF_IsStreamChecksumValid(bad)) << "byte " << i;
-    }
+    ExpectEveryByteCounts(hdr, &MTF_IsStreamChecksumValid);
 }
 
 TEST(MtfLength, BlockLengthRoundsAndKnowsItsSpecialBlocks) {
@@ -105,17 +127,13 @@ TEST(MtfLength, BlockLengthRoundsAndKnowsItsSpecialBlocks) {
 }
 
 TEST(MtfLength, StreamLengthIncludesHeaderAndRoundsUp) {
-    MTF_STREAM_HDR hdr{};
-    hdr.m_length = 32;  // a RAID stream
-    EXPECT_EQ(MTF_StreamLength(hdr), 56u);
-    hdr.m_length = 0;
-    EXPECT_EQ(MTF_StreamLength(hdr), 24u);
-    hdr.m_length = 2;
-    EXPECT_EQ(MTF_StreamLength(hdr), 24u);
-    hdr.m_length = 3;
-    EXPECT_EQ(MTF_StreamLength(hdr), 28u);
-    hdr.m_length = UINT64_MAX - 10;
-    EXPECT_EQ(MTF_StreamLength(hdr), 0u) << "a length that overflows is refused";
+    // A RAID stream of 32 bytes; lengths round up to 4; an overflow is refused.
+    const std::pair<uint64_t, uint64_t> aCases[] = {{32, 56}, {0, 24}, {2, 24}, {3, 28}, {UINT64_MAX - 10, 0}};
+    for (const auto& [iLength, iOnMedium] : aCases) {
+        MTF_STREAM_HDR hdr{};
+        hdr.m_length = iLength;
+        EXPECT_EQ(MTF_StreamLength(hdr), iOnMedium) << iLength;
+    }
 }
 
 TEST(MtfString, TapeAddressesAreBoundedByTheirRecord) {
@@ -137,16 +155,15 @@ TEST(MtfString, TapeAddressesAreBoundedByTheirRecord) {
     EXPECT_EQ(ws, L"") << "a zero size is an empty string wherever it points";
     EXPECT_FALSE(TakeError(kKey));
 
-    ws = L"unchanged";
-    EXPECT_FALSE(MTF_ReadString(aRec, sizeof(aRec), {10, 8}, MTF_UNICODE_STR, &ws, kKey));
-    EXPECT_TRUE(TakeError(kKey));
-    EXPECT_FALSE(MTF_ReadString(aRec, sizeof(aRec), {2, 0xFFFF}, MTF_UNICODE_STR, &ws, kKey));
-    EXPECT_TRUE(TakeError(kKey));
-    EXPECT_FALSE(MTF_ReadString(aRec, sizeof(aRec), {3, 8}, MTF_UNICODE_STR, &ws, kKey));
-    EXPECT_TRUE(TakeError(kKey));
-    EXPECT_FALSE(MTF_ReadString(aRec, sizeof(aRec), {4, 8}, 7, &ws, kKey));
-    EXPECT_TRUE(TakeError(kKey));
-    EXPECT_EQ(ws, L"unchanged");
+    // Past the record's end, a size beyond it, an odd size, an unknown type.
+    const std::pair<MTF_TAPE_ADDRESS, uint8_t> aRefused[] = {
+        {{10, 8}, MTF_UNICODE_STR}, {{2, 0xFFFF}, MTF_UNICODE_STR}, {{3, 8}, MTF_UNICODE_STR}, {{4, 8}, 7}};
+    for (const auto& [ta, iType] : aRefused) {
+        ws = L"unchanged";
+        EXPECT_FALSE(MTF_ReadString(aRec, sizeof(aRec), ta, iType, &ws, kKey)) << ta.m_size << "@" << ta.m_offset;
+        EXPECT_TRUE(TakeError(kKey));
+        EXPECT_EQ(ws, L"unchanged");
+    }
 }
 
 TEST(MtfString, SurrogatePairsJoinAndLoneOnesAreReplaced) {
@@ -157,29 +174,18 @@ TEST(MtfString, SurrogatePairsJoinAndLoneOnesAreReplaced) {
     EXPECT_EQ(ws, std::wstring({wchar_t(0x1F600), wchar_t(0xFFFD), L'z'}));
 }
 
-TEST(MtfDate, DecodesBitFieldsAndRoundTrips) {
-    // The media date of a real backup: 2018-12-21 11:26:31.
-    const MTF_DATE_TIME dt = {{0x1f, 0x8b, 0x2a, 0xb6, 0x9f}};
+// Decoding is checked on every real backup against the manifest's dates.
+TEST(MtfDate, EncodesBitFieldsAndKnowsNoDate) {
+    const MTF_DATE_TIME dt = {{0x1f, 0x8b, 0x2a, 0xb6, 0x9f}};  // 2018-12-21 11:26:31, from a real backup
     SYSTEMTIME st;
     ASSERT_TRUE(MTF_DecodeDateTime(dt, &st));
-    EXPECT_EQ(st.wYear, 2018);
-    EXPECT_EQ(st.wMonth, 12);
-    EXPECT_EQ(st.wDay, 21);
-    EXPECT_EQ(st.wHour, 11);
-    EXPECT_EQ(st.wMinute, 26);
-    EXPECT_EQ(st.wSecond, 31);
-    MTF_DATE_TIME back = MTF_EncodeDateTime(st);
-    EXPECT_EQ(std::memcmp(back.m_bytes, dt.m_bytes, 5), 0);
-
+    EXPECT_EQ(std::memcmp(MTF_EncodeDateTime(st).m_bytes, dt.m_bytes, 5), 0);
     SYSTEMTIME edge{};
     edge.wYear = 16383;
     edge.wMonth = 15;
-    edge.wDay = 31;
-    edge.wHour = 31;
-    edge.wMinute = 63;
-    edge.wSecond = 63;
-    MTF_DATE_TIME all = MTF_EncodeDateTime(edge);
-    for (uint8_t b : all.m_bytes) EXPECT_EQ(b, 0xFF);
+    edge.wDay = edge.wHour = 31;
+    edge.wMinute = edge.wSecond = 63;
+    for (uint8_t b : MTF_EncodeDateTime(edge).m_bytes) EXPECT_EQ(b, 0xFF);
 
     const MTF_DATE_TIME none{};
     EXPECT_TRUE(MTF_IsNoDate(none));
@@ -232,163 +238,67 @@ TEST(MtfSfmb, ArrayOffsetByVersionAndByContent) {
     EXPECT_EQ(MTF_SfmbFindArrayOffset(a.data(), 63), 0u);
 }
 
-// Every real backup: the blocks and streams walk with valid checksums from
-// the TAPE at offset 0 to the end of the file.
-TEST(MtfRealFiles, EveryFileWalksFromItsTapeBlock) {
+// Every real backup, read through the record helpers, against the
+// independent walker and the manifest.
+TEST(MtfRealFiles, RecordsAgreeWithTheWalkerAndTheManifest) {
     ZR_REQUIRE_TESTDATA();
-    auto aRows = TapeFormatRows();
-    ASSERT_GT(aRows.size(), 40u);
-    for (const ManifestRow& row : aRows) {
-        SCOPED_TRACE(row.at("file"));
-        auto path = *zrtest::TestDataFile(row.at("file"));
-        std::vector<uint8_t> a = ReadWhole(path);
-        ASSERT_GE(a.size(), sizeof(MTF_TAPE));
+    std::map<std::string, std::string> mediaSets;  // media date and RAID family of each media set
+    std::set<size_t> aArrayOffsets;
+    ForEachRealBackup([&](const zrtest::ManifestEntry& row, const std::vector<uint8_t>& a, const zrtest::MtfWalk& walk) {
+        std::vector<uint64_t> aWalkerBlocks;
+        for (const auto& b : walk.blocks) aWalkerBlocks.push_back(b.offset);
+        EXPECT_EQ(BlocksByLibraryLengths(a), aWalkerBlocks);
+
         const MTF_TAPE tape = Load<MTF_TAPE>(a, 0);
-        EXPECT_EQ(MTF_BlockId(tape.m_hdr), MTF_ID_TAPE);
-        EXPECT_TRUE(MTF_IsBlockChecksumValid(tape.m_hdr));
-        EXPECT_NE(tape.m_media_family_id, 0u);
+        EXPECT_EQ(tape.m_media_family_id, walk.mediaFamilyId);
+        EXPECT_EQ(MTF_SoftFilemarkSize(tape), walk.softFilemarkSize);
         EXPECT_TRUE(tape.m_tape_attributes & TAPE_SOFT_FILEMARK_BIT);
-
-        std::vector<Item> aItems = Walk(a);
-        ASSERT_FALSE(aItems.empty());
-        const Item& last = aItems.back();
-        EXPECT_EQ(last.m_iId, MTF_ID_SFMB) << "a file ends in a soft filemark";
-        EXPECT_EQ(last.m_iOffset + MTF_SoftFilemarkSize(tape), a.size());
-        for (uint32_t iId : {MTF_ID_SSET, MTF_ID_VOLB, MTF_ID_MSCI, MTF_ID_MSLS, MTF_ID_ESET, MTF_ID_RAID})
-            EXPECT_NE(Find(aItems, iId), nullptr) << std::string(reinterpret_cast<const char*>(&iId), 4);
-    }
-}
-
-TEST(MtfRealFiles, TapeSetAndVolumeStringsAndDatesMatchTheManifest) {
-    ZR_REQUIRE_TESTDATA();
-    for (const ManifestRow& row : TapeFormatRows()) {
-        SCOPED_TRACE(row.at("file"));
-        std::vector<uint8_t> a = ReadWhole(*zrtest::TestDataFile(row.at("file")));
-        std::vector<Item> aItems = Walk(a);
-        const Item* pSset = Find(aItems, MTF_ID_SSET);
-        const Item* pVolb = Find(aItems, MTF_ID_VOLB);
-        ASSERT_TRUE(pSset && pVolb);
-
-        const MTF_TAPE tape = Load<MTF_TAPE>(a, 0);
-        std::wstring ws;
-        ASSERT_TRUE(MTF_ReadString(a.data(), tape.m_hdr.m_first_event_offset, tape.m_software_name,
-                                   tape.m_hdr.m_string_type, &ws, kKey));
-        EXPECT_EQ(ws, L"Microsoft SQL Server") << "the zero units behind the name end it";
+        EXPECT_EQ(BlockString(a, 0, tape.m_software_name), L"Microsoft SQL Server") << "zero units end it";
         SYSTEMTIME st;
         ASSERT_TRUE(MTF_DecodeDateTime(tape.m_media_date, &st));
         char szDate[64];
-        std::snprintf(szDate, sizeof(szDate), "%04d-%02d-%02d %02d:%02d:%02d", st.wYear, st.wMonth, st.wDay,
-                      st.wHour, st.wMinute, st.wSecond);
-        EXPECT_EQ(row.at("date"), szDate);
+        std::snprintf(szDate, sizeof(szDate), "%04d-%02d-%02d %02d:%02d:%02d", st.wYear, st.wMonth, st.wDay, st.wHour,
+                      st.wMinute, st.wSecond);
+        EXPECT_EQ(row.date, szDate);
 
-        const uint8_t* pSsetBytes = a.data() + pSset->m_iOffset;
-        const MTF_SSET sset = Load<MTF_SSET>(a, size_t(pSset->m_iOffset));
+        const uint64_t iSset = FirstBlock(walk, "SSET"), iVolb = FirstBlock(walk, "VOLB");
+        const MTF_SSET sset = Load<MTF_SSET>(a, iSset);
         EXPECT_EQ(sset.m_data_set_number, 1);
-        EXPECT_EQ(std::to_string(sset.m_software_major_version), row.at("ver").substr(0, row.at("ver").find('.')));
-        ASSERT_TRUE(MTF_ReadString(pSsetBytes, sset.m_hdr.m_first_event_offset, sset.m_user_name,
-                                   sset.m_hdr.m_string_type, &ws, kKey));
-        EXPECT_FALSE(ws.empty());
-
+        EXPECT_EQ(sset.m_software_major_version, row.major);
+        EXPECT_FALSE(BlockString(a, iSset, sset.m_user_name).empty());
         // The volume's machine name is the server name up to its instance.
-        const MTF_VOLB volb = Load<MTF_VOLB>(a, size_t(pVolb->m_iOffset));
-        ASSERT_TRUE(MTF_ReadString(a.data() + pVolb->m_iOffset, volb.m_hdr.m_first_event_offset,
-                                   volb.m_machine_name, volb.m_hdr.m_string_type, &ws, kKey));
-        std::wstring wsServer = Widen(row.at("server"));
-        EXPECT_EQ(ws, wsServer.substr(0, wsServer.find(L'\\')));
+        const MTF_VOLB volb = Load<MTF_VOLB>(a, iVolb);
+        const std::wstring wsServer = Widen(row.server);
+        EXPECT_EQ(BlockString(a, iVolb, volb.m_machine_name), wsServer.substr(0, wsServer.find(L'\\')));
         EXPECT_EQ(std::memcmp(&volb.m_media_write_date, &sset.m_media_write_date, 5), 0);
-    }
-    EXPECT_FALSE(TakeError(kKey));
-}
 
-TEST(MtfRealFiles, RaidWordHoldsFileCountLowAndOneHigh) {
-    ZR_REQUIRE_TESTDATA();
-    for (const ManifestRow& row : TapeFormatRows()) {
-        SCOPED_TRACE(row.at("file"));
-        std::vector<uint8_t> a = ReadWhole(*zrtest::TestDataFile(row.at("file")));
-        const std::vector<Item> aItems = Walk(a);  // Find points into it
-        const Item* pRaid = Find(aItems, MTF_ID_RAID);
-        ASSERT_NE(pRaid, nullptr);
-        ASSERT_EQ(Load<MTF_STREAM_HDR>(a, size_t(pRaid->m_iOffset)).m_length, sizeof(MTF_RAID_EXTENSION));
-        const MTF_RAID_EXTENSION raid = Load<MTF_RAID_EXTENSION>(a, size_t(pRaid->m_iOffset) + MTF_STREAM_HDR_SIZE);
-        auto [iPlace, iCount] = Stripe(row);
+        // The RAID stream right behind the TAPE block.
+        const uint32_t iRaid = MTF_BlockLength(a.data(), a.size());
+        ASSERT_EQ(Load<MTF_STREAM_HDR>(a, iRaid).m_length, sizeof(MTF_RAID_EXTENSION));
+        const auto raid = Load<MTF_RAID_EXTENSION>(a, iRaid + MTF_STREAM_HDR_SIZE);
         EXPECT_EQ(raid.m_raid_type, MTF_RAID_TYPE);
         EXPECT_EQ(raid.m_device_count >> 16, 1u);
-        EXPECT_EQ(MTF_RaidFileCount(raid), iCount);
-        EXPECT_EQ(MTF_RaidSequence(raid), iPlace);
-    }
-}
+        EXPECT_EQ(MTF_RaidFileCount(raid), row.stripes);
+        EXPECT_EQ(MTF_RaidSequence(raid), row.stripe);
 
-// The files of one stripe set agree in their media date and in the RAID
-// stream's family id; each file has a media family id of its own.
-TEST(MtfRealFiles, StripesOfOneSetShareDatesAndRaidFamily) {
-    ZR_REQUIRE_TESTDATA();
-    const char* aszFiles[] = {"appveyor-lab/sql2008-backups/RestoreTimeStripe/Stripe1/RestoreTimeStripe.bak",
-                              "appveyor-lab/sql2008-backups/RestoreTimeStripe/Stripe2/RestoreTimeStripe1.bak",
-                              "appveyor-lab/DoubleDiffing/difftest-full.bak"};
-    std::vector<uint8_t> a[3];
-    for (int i = 0; i < 3; i++) {
-        a[i] = ReadBytes(*zrtest::TestDataFile(aszFiles[i]), 0, 512);
-        ASSERT_EQ(a[i].size(), 512u);
-    }
-    const MTF_TAPE t1 = Load<MTF_TAPE>(a[0], 0), t2 = Load<MTF_TAPE>(a[1], 0), t3 = Load<MTF_TAPE>(a[2], 0);
-    EXPECT_EQ(std::memcmp(&t1.m_media_date, &t2.m_media_date, 5), 0);
-    EXPECT_NE(std::memcmp(&t1.m_media_date, &t3.m_media_date, 5), 0);
-    EXPECT_NE(t1.m_media_family_id, t2.m_media_family_id);
-    auto raid = [&](int i) {
-        size_t iAt = MTF_BlockLength(a[i].data(), a[i].size()) + MTF_STREAM_HDR_SIZE;
-        return Load<MTF_RAID_EXTENSION>(a[i], iAt);
-    };
-    const MTF_RAID_EXTENSION r1 = raid(0), r2 = raid(1), r3 = raid(2);
-    EXPECT_EQ(std::memcmp(&r1.m_family_id, &r2.m_family_id, 16), 0);
-    EXPECT_NE(std::memcmp(&r1.m_family_id, &r3.m_family_id, 16), 0);
-    EXPECT_EQ(MTF_RaidSequence(r1), 1);
-    EXPECT_EQ(MTF_RaidSequence(r2), 2);
-}
-
-// Every soft filemark block lists the offsets of the ones before it in the
-// file, newest first, in its array where the server version puts it.
-TEST(MtfRealFiles, SoftFilemarkArraysListEarlierFilemarks) {
-    ZR_REQUIRE_TESTDATA();
-    std::set<int> aVersionsSeen;
-    for (const ManifestRow& row : TapeFormatRows()) {
-        int iVersion = MajorVersion(row);
-        SCOPED_TRACE(row.at("file"));
-        aVersionsSeen.insert(iVersion);
-        std::vector<uint8_t> a = ReadWhole(*zrtest::TestDataFile(row.at("file")));
-        const uint32_t iSize = MTF_SoftFilemarkSize(Load<MTF_TAPE>(a, 0));
-        std::vector<uint64_t> aEarlier;
-        for (const Item& item : Walk(a)) {
-            if (item.m_iId != MTF_ID_SFMB) continue;
-            const uint8_t* pBlock = a.data() + item.m_iOffset;
-            EXPECT_EQ(MTF_SfmbFindArrayOffset(pBlock, iSize), MTF_SfmbArrayOffset(iVersion));
-            if (iVersion >= 10) {
-                EXPECT_EQ(Load<uint32_t>(a, size_t(item.m_iOffset) + 60), 72u);
-                EXPECT_EQ(Load<MTF_SFMB>(a, size_t(item.m_iOffset)).m_filemark_entry_count, (iSize - 72) / 8);
-            }
+        // Each soft filemark lists the ones before it, newest first.
+        for (size_t i = 0; i < walk.filemarks.size(); i++) {
+            const uint8_t* pBlock = a.data() + walk.filemarks[i];
+            EXPECT_EQ(MTF_SfmbFindArrayOffset(pBlock, walk.softFilemarkSize), walk.filemarkArrayOffsets[i]);
+            aArrayOffsets.insert(walk.filemarkArrayOffsets[i]);
             std::vector<uint64_t> aEntries;
-            ASSERT_TRUE(MTF_ReadSfmbEntries(pBlock, iSize, &aEntries, kKey));
-            EXPECT_EQ(aEntries, std::vector<uint64_t>(aEarlier.rbegin(), aEarlier.rend()));
-            aEarlier.push_back(item.m_iOffset);
+            ASSERT_TRUE(MTF_ReadSfmbEntries(pBlock, walk.softFilemarkSize, &aEntries, kKey));
+            EXPECT_EQ(aEntries, std::vector<uint64_t>(walk.filemarks.rend() - std::ptrdiff_t(i), walk.filemarks.rend()));
         }
-        EXPECT_GE(aEarlier.size(), 3u);
-    }
-    EXPECT_TRUE(aVersionsSeen.count(9) && aVersionsSeen.count(10));
-}
 
-TEST(MtfRealFiles, AFlippedByteBreaksTheHeaderChecksums) {
-    ZR_REQUIRE_TESTDATA();
-    std::vector<uint8_t> a = ReadBytes(*zrtest::TestDataFile("xandelima-MVCNorthwind/Northwind.bak"), 0, 4096);
-    ASSERT_EQ(a.size(), 4096u);
-    MTF_DB_HDR tape = Load<MTF_DB_HDR>(a, 0);
-    ASSERT_TRUE(MTF_IsBlockChecksumValid(tape));
-    reinterpret_cast<uint8_t*>(&tape)[3] ^= 0x01;
-    EXPECT_FALSE(MTF_IsBlockChecksumValid(tape));
-
-    // The RAID stream right behind the TAPE block.
-    const uint32_t iRaid = MTF_BlockLength(a.data(), a.size());
-    MTF_STREAM_HDR raid = Load<MTF_STREAM_HDR>(a, iRaid);
-    ASSERT_EQ(MTF_StreamId(raid), MTF_ID_RAID);
-    ASSERT_TRUE(MTF_IsStreamChecksumValid(raid));
-    raid.m_length ^= 0x100;
-    EXPECT_FALSE(MTF_IsStreamChecksumValid(raid));
+        // The files of one media set share the media date and RAID family.
+        std::string strSet(reinterpret_cast<const char*>(&tape.m_media_date), 5);
+        strSet.append(reinterpret_cast<const char*>(&raid.m_family_id), sizeof raid.m_family_id);
+        EXPECT_EQ(mediaSets.try_emplace(row.mediaset, strSet).first->second, strSet);
+    });
+    std::set<std::string> aDistinct;
+    for (const auto& [strId, strSet] : mediaSets) aDistinct.insert(strSet);
+    EXPECT_EQ(aDistinct.size(), mediaSets.size()) << "media sets differ";
+    EXPECT_EQ(aArrayOffsets, (std::set<size_t>{60, 72})) << "both filemark layouts";
+    EXPECT_FALSE(TakeError(kKey));
 }

@@ -5,10 +5,11 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cwctype>
+#include <cstdio>
+#include <tuple>
 
 #include "MTF_TestFiles.h"
+#include "support/ConfigStream.h"
 
 using namespace mtftest;
 
@@ -16,43 +17,11 @@ namespace {
 
 const wchar_t kKey[] = L"sql-records-test";
 
-// Builds an MQCI stream: each record is its fixed layout followed by the
-// UTF-16 strings its tape addresses point to.
-class StreamBuilder {
-public:
-    // Appends rec (its m_size set here) and the strings, pointing each
-    // address of aAddresses (offsets into rec) at its string.
-    template <typename T>
-    void Add(T rec, std::initializer_list<std::pair<size_t, std::wstring>> aStrings, size_t iExtra = 0) {
-        std::vector<uint8_t> aRec(sizeof(T));
-        std::vector<uint8_t> aTail;
-        for (const auto& [iAddress, ws] : aStrings) {
-            MTF_TAPE_ADDRESS ta{uint16_t(ws.size() * 2), uint16_t(sizeof(T) + aTail.size())};
-            std::memcpy(reinterpret_cast<uint8_t*>(&rec) + iAddress, &ta, sizeof(ta));
-            for (wchar_t c : ws) {
-                aTail.push_back(uint8_t(c));
-                aTail.push_back(uint8_t(c >> 8));
-            }
-        }
-        aTail.resize(aTail.size() + iExtra);
-        SQL_HEADER* pHdr = reinterpret_cast<SQL_HEADER*>(&rec);
-        pHdr->m_size = uint32_t(sizeof(T) + aTail.size());
-        std::memcpy(aRec.data(), &rec, sizeof(T));
-        m_a.insert(m_a.end(), aRec.begin(), aRec.end());
-        m_a.insert(m_a.end(), aTail.begin(), aTail.end());
-    }
-    std::vector<uint8_t> m_a;
-};
-
-template <typename T>
-T Typed(const char* szType) {
-    T rec{};
-    std::memcpy(&rec, szType, 4);
-    return rec;
-}
+using zrtest::ConfigStream;
+using zrtest::SqlRecord;
 
 SQL_CONFIG_INFO_V7 ConfigV7(uint32_t iServerVersion, uint8_t iType) {
-    auto ci = Typed<SQL_CONFIG_INFO_V7>("SCIN");
+    auto ci = SqlRecord<SQL_CONFIG_INFO_V7>("SCIN");
     ci.m_server_version = iServerVersion;
     ci.m_backup_type = iType;
     ci.m_database_file_count = 1;
@@ -64,7 +33,7 @@ SQL_CONFIG_INFO_V7 ConfigV7(uint32_t iServerVersion, uint8_t iType) {
 }
 
 SQL_FILE_INFO_V7 FileV7(uint32_t iId, uint32_t iType, uint32_t iFlags, uint64_t iSize) {
-    auto fi = Typed<SQL_FILE_INFO_V7>("SFIN");
+    auto fi = SqlRecord<SQL_FILE_INFO_V7>("SFIN");
     fi.m_file_number = iId;
     fi.m_file_type = iType;
     fi.m_flags = iFlags;
@@ -80,10 +49,10 @@ constexpr size_t kPhysical = offsetof(SQL_FILE_INFO_V7, m_physical_name);
 constexpr size_t kGroupName = offsetof(SQL_FILEGROUP_INFO_V7, m_group_name);
 
 // A version 8 stream: config, a filegroup, a data file, a dropped file and a log file.
-StreamBuilder Version8Stream() {
-    StreamBuilder b;
+ConfigStream Version8Stream() {
+    ConfigStream b;
     b.Add(ConfigV7(0x080007D0, SQL_BTYPE_DIFFERENTIAL), {{kDbName, L"pubs"}, {kServerName, L"OLDBOX"}});
-    auto gi = Typed<SQL_FILEGROUP_INFO_V7>("SFGI");
+    auto gi = SqlRecord<SQL_FILEGROUP_INFO_V7>("SFGI");
     gi.m_group_id = 1;
     b.Add(gi, {{kGroupName, L"PRIMARY"}});
     b.Add(FileV7(1, SQL_FILE_DATABASE, SQL_FILE_PRESENT, 3 << 20), {{kLogical, L"pubs"}, {kPhysical, L"C:\\pubs.mdf"}});
@@ -93,46 +62,32 @@ StreamBuilder Version8Stream() {
     return b;
 }
 
-// The stream data of the MQCI behind the first block of type iBlock.
-std::vector<uint8_t> ConfigStream(const std::vector<uint8_t>& a, uint32_t iBlock) {
-    std::vector<Item> aItems = Walk(a);
-    const Item* pBlock = Find(aItems, iBlock);
-    if (pBlock == nullptr) return {};
-    const Item* pStream = Find(aItems, MTF_ID_MQCI, pBlock->m_iOffset);
-    if (pStream == nullptr) return {};
-    const MTF_STREAM_HDR hdr = Load<MTF_STREAM_HDR>(a, size_t(pStream->m_iOffset));
-    auto itStart = a.begin() + std::ptrdiff_t(pStream->m_iOffset + MTF_STREAM_HDR_SIZE);
-    return std::vector<uint8_t>(itStart, itStart + std::ptrdiff_t(hdr.m_length));
+// "24:68:99" as an LSN.
+LSN ParseLsn(const std::string& s) {
+    unsigned a = 0, b = 0, c = 0;
+    EXPECT_EQ(std::sscanf(s.c_str(), "%u:%u:%u", &a, &b, &c), 3) << s;
+    return LSN{a, b, uint16_t(c)};
 }
 
-std::wstring Lower(std::wstring ws) {
-    std::transform(ws.begin(), ws.end(), ws.begin(), [](wchar_t c) { return wchar_t(std::towlower(c)); });
-    return ws;
-}
-
-bool EndsWith(const std::wstring& ws, const std::wstring& wsEnd) {
-    return ws.size() >= wsEnd.size() && ws.compare(ws.size() - wsEnd.size(), wsEnd.size(), wsEnd) == 0;
-}
+LSN WalkerLsn(const zrtest::MtfLsn& lsn) { return LSN{lsn.seqNo, lsn.blockOffset, lsn.slotId}; }
 
 }  // namespace
 
+// The least size of each record, by which the walk refuses a short one.
 TEST(SqlLayouts, SizesFollowTheServerVersion) {
-    EXPECT_EQ(SQL_ConfigInfoSize(7), 240u);
-    EXPECT_EQ(SQL_ConfigInfoSize(8), 240u);
-    EXPECT_EQ(SQL_ConfigInfoSize(9), 344u);
-    EXPECT_EQ(SQL_ConfigInfoSize(10), 344u);
-    EXPECT_EQ(SQL_FilegroupInfoSize(8), 20u);
-    EXPECT_EQ(SQL_FilegroupInfoSize(9), 48u);
-    EXPECT_EQ(SQL_FileInfoSize(8), 186u);
-    EXPECT_EQ(SQL_FileInfoSize(10), 402u);
-    EXPECT_EQ(SQL_BackupLogHdrSize(7), 32u);
-    EXPECT_EQ(SQL_BackupLogHdrSize(8), 36u);
-    EXPECT_EQ(SQL_BackupLogHdrSize(10), 36u);
-    EXPECT_EQ(SQL_ConfigInfoSize(6), 0u);
+    // version: SCIN, SFGI, SFIN, log header
+    const std::tuple<int, uint32_t, uint32_t, uint32_t, uint32_t> aSizes[] = {
+        {6, 0, 0, 0, 0}, {7, 240, 20, 186, 32}, {8, 240, 20, 186, 36}, {9, 344, 48, 402, 36}, {10, 344, 48, 402, 36}};
+    for (const auto& [iVersion, iConfig, iGroup, iFile, iLog] : aSizes) {
+        EXPECT_EQ(std::make_tuple(SQL_ConfigInfoSize(iVersion), SQL_FilegroupInfoSize(iVersion), SQL_FileInfoSize(iVersion),
+                                  SQL_BackupLogHdrSize(iVersion)),
+                  std::make_tuple(iConfig, iGroup, iFile, iLog))
+            << iVersion;
+    }
 }
 
 TEST(SqlConfigWalk, ShortLayoutsOfVersion8) {
-    StreamBuilder b = Version8Stream();
+    ConfigStream b = Version8Stream();
     SQL_ConfigRecords cfg;
     ASSERT_TRUE(cfg.Parse(b.m_a.data(), b.m_a.size(), kKey));
     EXPECT_EQ(cfg.m_iVersion, 8);
@@ -157,7 +112,7 @@ TEST(SqlConfigWalk, ShortLayoutsOfVersion8) {
 }
 
 TEST(SqlConfigWalk, Version7AndAZeroSizeThatEndsTheSequence) {
-    StreamBuilder b;
+    ConfigStream b;
     b.Add(ConfigV7(0x07000000 | 623, SQL_BTYPE_DATABASE), {{kDbName, L"old"}, {kServerName, L"NT4"}});
     b.Add(FileV7(1, SQL_FILE_DATABASE, 0, 1 << 20), {{kLogical, L"old"}, {kPhysical, L"D:\\old.mdf"}});
     b.m_a.resize(b.m_a.size() + 64);  // a zero header, then anything
@@ -168,101 +123,90 @@ TEST(SqlConfigWalk, Version7AndAZeroSizeThatEndsTheSequence) {
     EXPECT_EQ(cfg.m_aFiles.size(), 1u);
 }
 
-TEST(SqlConfigWalk, BadSizesStopTheWalkWithAnError) {
-    const StreamBuilder good = Version8Stream();
-    const size_t iSecond = Load<SQL_HEADER>(good.m_a, 0).m_size;
-    auto expectRefused = [](std::vector<uint8_t> a, const char* szWhy) {
-        SQL_ConfigRecords cfg;
-        EXPECT_FALSE(cfg.Parse(a.data(), a.size(), kKey)) << szWhy;
-        EXPECT_TRUE(TakeError(kKey)) << szWhy;
-    };
+TEST(SqlConfigWalk, RefusalsStopTheWalkWithAnError) {
+    const std::vector<uint8_t> good = Version8Stream().m_a;
+    const size_t iSecond = Load<SQL_HEADER>(good, 0).m_size;
     auto withSize = [&](size_t iAt, uint32_t iSize) {
-        std::vector<uint8_t> a = good.m_a;
+        std::vector<uint8_t> a = good;
         std::memcpy(a.data() + iAt + 4, &iSize, 4);
         return a;
     };
-    expectRefused(withSize(0, 0), "zero size in the first record");
-    expectRefused(withSize(0, 4), "size below the header");
-    expectRefused(withSize(0, 200), "SCIN shorter than its layout");
-    expectRefused(withSize(iSecond, uint32_t(good.m_a.size())), "size beyond the stream");
-    expectRefused(withSize(iSecond, 12), "SFGI shorter than its layout");
-    expectRefused(std::vector<uint8_t>(good.m_a.begin(), good.m_a.end() - 10), "last record cut short");
-    std::vector<uint8_t> tail = good.m_a;
+    std::vector<uint8_t> tail = good;
     tail.resize(tail.size() + 5, 0xAB);
-    expectRefused(tail, "a stub of a header at the end");
-    std::vector<uint8_t> notFirst = good.m_a;
+    std::vector<uint8_t> notFirst = good;
     std::memcpy(notFirst.data(), "SFIN", 4);
-    expectRefused(notFirst, "first record is no SCIN");
-    expectRefused({}, "empty stream");
-}
+    // The server name pointed at the bytes of the next record.
+    std::vector<uint8_t> nameOutside = good;
+    const MTF_TAPE_ADDRESS ta{8, uint16_t(iSecond - 4)};
+    std::memcpy(nameOutside.data() + kServerName, &ta, sizeof(ta));
+    // From version 9 on, the long layout is required.
+    ConfigStream short9;
+    short9.Add(ConfigV7(0x09000577, SQL_BTYPE_DATABASE), {{kDbName, L"x"}, {kServerName, L"y"}});
 
-TEST(SqlConfigWalk, NameOutsideItsRecordIsRefused) {
-    StreamBuilder b = Version8Stream();
-    const uint32_t iScin = Load<SQL_HEADER>(b.m_a, 0).m_size;
-    // Point the server name at the bytes of the next record.
-    MTF_TAPE_ADDRESS ta{8, uint16_t(iScin - 4)};
-    std::memcpy(b.m_a.data() + kServerName, &ta, sizeof(ta));
-    SQL_ConfigRecords cfg;
-    EXPECT_FALSE(cfg.Parse(b.m_a.data(), b.m_a.size(), kKey));
-    EXPECT_TRUE(TakeError(kKey));
-}
-
-TEST(SqlConfigWalk, LongLayoutIsRequiredFromVersion9) {
-    StreamBuilder b;
-    b.Add(ConfigV7(0x09000577, SQL_BTYPE_DATABASE), {{kDbName, L"x"}, {kServerName, L"y"}});
-    SQL_ConfigRecords cfg;
-    EXPECT_FALSE(cfg.Parse(b.m_a.data(), b.m_a.size(), kKey)) << "240 bytes and strings are under 344";
-    EXPECT_TRUE(TakeError(kKey));
-}
-
-// The real backups: the configuration of MSCI and MSLS walks to the end of
-// its stream and agrees with the manifest.
-TEST(SqlRealFiles, ConfigurationMatchesTheManifest) {
-    ZR_REQUIRE_TESTDATA();
-    for (const ManifestRow& row : TapeFormatRows()) {
-        SCOPED_TRACE(row.at("file"));
-        std::vector<uint8_t> a = ReadWhole(*zrtest::TestDataFile(row.at("file")));
-        std::vector<uint8_t> aStream = ConfigStream(a, MTF_ID_MSCI);
-        ASSERT_FALSE(aStream.empty());
+    const std::pair<std::vector<uint8_t>, const char*> aCases[] = {
+        {withSize(0, 0), "zero size in the first record"},
+        {withSize(0, 4), "size below the header"},
+        {withSize(0, 200), "SCIN shorter than its layout"},
+        {withSize(iSecond, uint32_t(good.size())), "size beyond the stream"},
+        {withSize(iSecond, 12), "SFGI shorter than its layout"},
+        {std::vector<uint8_t>(good.begin(), good.end() - 10), "last record cut short"},
+        {tail, "a stub of a header at the end"},
+        {notFirst, "first record is no SCIN"},
+        {{}, "empty stream"},
+        {nameOutside, "a name outside its record"},
+        {short9.m_a, "240 bytes and strings are under 344"},
+    };
+    for (const auto& [a, szWhy] : aCases) {
         SQL_ConfigRecords cfg;
+        EXPECT_FALSE(cfg.Parse(a.data(), a.size(), kKey)) << szWhy;
+        EXPECT_TRUE(TakeError(kKey)) << szWhy;
+    }
+}
+
+// The real backups: the configurations of MSCI and MSLS walk to the end of
+// their streams and say what the manifest and the independent walker say.
+TEST(SqlRealFiles, ConfigurationMatchesTheManifestAndTheWalker) {
+    ZR_REQUIRE_TESTDATA();
+    ForEachRealBackup([](const zrtest::ManifestEntry& row, const std::vector<uint8_t>& a, const zrtest::MtfWalk& walk) {
+        const zrtest::MtfDataSet& set = walk.dataSets.at(0);
+        const std::vector<uint8_t> aStream = ConfigData(a, set.msci), aEnd = ConfigData(a, set.msls);
+        SQL_ConfigRecords cfg, cfgEnd;
         ASSERT_TRUE(cfg.Parse(aStream.data(), aStream.size(), kKey));
+        ASSERT_TRUE(cfgEnd.Parse(aEnd.data(), aEnd.size(), kKey));
 
-        EXPECT_EQ(cfg.m_iVersion, std::atoi(row.at("ver").c_str()));
-        EXPECT_EQ(std::string(1, char(cfg.m_iBackupType)), row.at("type"));
-        EXPECT_EQ(cfg.m_wsDatabaseName, Widen(row.at("db")));
-        EXPECT_EQ(cfg.m_wsServerName, Widen(row.at("server")));
-        EXPECT_EQ(cfg.m_firstLsn, ParseLsn(row.at("first_lsn")));
-        EXPECT_EQ(cfg.m_lastLsn, ParseLsn(row.at("last_lsn")));
-        EXPECT_EQ(cfg.m_checkpointLsn, ParseLsn(row.at("checkpoint_lsn")));
-
-        // One data file with id 1 and at least one log file.
-        ASSERT_GE(cfg.m_aFiles.size(), 2u);
-        EXPECT_EQ(cfg.m_aFiles[0].m_iFileId, 1u);
-        EXPECT_EQ(cfg.m_aFiles[0].m_iType, SQL_FILE_DATABASE);
-        EXPECT_TRUE(EndsWith(Lower(cfg.m_aFiles[0].m_wsPhysicalName), L".mdf"));
-        size_t iLogs = 0, iData = 0;
-        for (const SQL_FileEntry& f : cfg.m_aFiles) {
-            EXPECT_FALSE(f.m_wsLogicalName.empty());
-            EXPECT_EQ(f.m_iSize % ZR_PAGE_SIZE, 0u);
-            EXPECT_GT(f.m_iSize, 0u);
-            iLogs += f.m_iType == SQL_FILE_PHYSICAL_LOG;
-            iData += f.m_iType == SQL_FILE_DATABASE;
+        EXPECT_EQ(cfg.m_iVersion, row.major);
+        EXPECT_EQ(char(cfg.m_iBackupType), row.type);
+        EXPECT_EQ(cfg.m_wsDatabaseName, Widen(row.database));
+        EXPECT_EQ(cfg.m_wsServerName, Widen(row.server));
+        EXPECT_EQ(cfg.m_firstLsn, ParseLsn(row.firstLsn));
+        EXPECT_EQ(cfg.m_lastLsn, ParseLsn(row.lastLsn));
+        EXPECT_EQ(cfg.m_checkpointLsn, ParseLsn(row.checkpointLsn));
+        EXPECT_EQ(cfg.m_differentialBaseLsn, WalkerLsn(set.msci.differentialBaseLsn));
+        EXPECT_EQ(cfg.m_iDatabaseFileCount, set.msci.dataFileCount);
+        EXPECT_EQ(cfg.m_iLogFileCount, set.msci.logFileCount);
+        ASSERT_EQ(cfg.m_aFiles.size(), set.msci.files.size());
+        for (size_t i = 0; i < cfg.m_aFiles.size(); i++) {
+            const SQL_FileEntry& f = cfg.m_aFiles[i];
+            const zrtest::MtfSqlFile& want = set.msci.files[i];
+            EXPECT_EQ(f.m_iFileId, want.fileId);
+            EXPECT_EQ(f.m_iType, want.fileType);
+            EXPECT_EQ(f.m_iSize, want.fileSize);
+            EXPECT_EQ(f.m_iBackedUpPages, want.backedUpPages);
+            EXPECT_EQ(f.m_wsLogicalName, Widen(want.logicalName));
+            EXPECT_EQ(f.m_wsPhysicalName, Widen(want.physicalName));
+            // The offsets lead back to the records, which later changes patch.
+            EXPECT_EQ(Load<uint32_t>(aStream, f.m_iOffset + offsetof(SQL_FILE_INFO_V7, m_file_number)), f.m_iFileId);
         }
-        EXPECT_EQ(iData, cfg.m_iDatabaseFileCount);
-        EXPECT_EQ(iLogs, cfg.m_iLogFileCount);
         ASSERT_FALSE(cfg.m_aFilegroups.empty());
         EXPECT_EQ(cfg.m_aFilegroups[0].m_wsName, L"PRIMARY");
 
-        // The closing configuration walks too; up to version 10 it names the
-        // same LSNs (later servers write other ones there).
-        std::vector<uint8_t> aEnd = ConfigStream(a, MTF_ID_MSLS);
-        SQL_ConfigRecords cfgEnd;
-        ASSERT_TRUE(cfgEnd.Parse(aEnd.data(), aEnd.size(), kKey));
+        // Up to version 10 the closing configuration names the same LSNs
+        // (later servers write other ones there).
         if (cfg.m_iVersion <= SQL_VERSION_MAX) {
             EXPECT_EQ(cfgEnd.m_firstLsn, cfg.m_firstLsn);
             EXPECT_EQ(cfgEnd.m_lastLsn, cfg.m_lastLsn);
         }
         EXPECT_EQ(cfgEnd.m_aFiles.size(), cfg.m_aFiles.size());
-    }
+    });
     EXPECT_FALSE(TakeError(kKey));
 }

@@ -15,6 +15,7 @@
 #include "backup/ZR_Scan.h"
 #include "diag/ZR_Error.h"
 #include "support/ErrorText.h"
+#include "support/Manifest.h"
 #include "support/TestData.h"
 
 namespace zrscantest {
@@ -33,25 +34,10 @@ inline std::wstring ErrorsText() { return zrtest::ErrorText(); }
 
 inline bool ErrorsContain(const std::wstring& wsPart) { return ErrorsText().find(wsPart) != std::wstring::npos; }
 
-// The first four bytes of a file.
-inline std::string Magic(const std::filesystem::path& p) {
-    std::ifstream in(p, std::ios::binary);
-    char a[4] = {};
-    in.read(a, 4);
-    return std::string(a, 4);
-}
-
 // Every tape-format backup of the shared test data.
 inline std::vector<std::filesystem::path> NativeTestBackups() {
     std::vector<std::filesystem::path> aFiles;
-    auto dir = zrtest::TestDataDir();
-    if (!dir) return aFiles;
-    for (const auto& e : std::filesystem::recursive_directory_iterator(*dir)) {
-        auto ext = e.path().extension();
-        if (e.is_regular_file() && (ext == ".bak" || ext == ".trn") && Magic(e.path()) == "TAPE")
-            aFiles.push_back(e.path());
-    }
-    std::sort(aFiles.begin(), aFiles.end());
+    for (const zrtest::ManifestEntry& row : zrtest::NativeBackups(0, 99)) aFiles.push_back(*zrtest::TestDataFile(row.file));
     return aFiles;
 }
 

@@ -32,12 +32,6 @@ ScanRun Walk(const std::vector<fs::path>& aFiles, int iDataSet) {
     return run;
 }
 
-zrtest::SyntheticBackup WriteSynthetic(const fs::path& path, zrtest::SyntheticOptions options) {
-    zrtest::SyntheticBackup backup(std::move(options));
-    EXPECT_TRUE(backup.Write(path)) << backup.Error();
-    return backup;
-}
-
 const RecordingScan::Block* FirstBlock(const RecordingScan& scan, const std::string& sType) {
     for (const auto& b : scan.m_aBlocks)
         if (b.sType == sType) return &b;
@@ -48,7 +42,15 @@ class ScanTest : public ::testing::Test {
 protected:
     void SetUp() override { ZR_ClearErrors(nullptr); }
     void TearDown() override { ZR_ClearErrors(nullptr); }
+    // A synthetic backup written into the temporary folder; its file is
+    // Stripes()[0].path.
+    zrtest::SyntheticBackup Synthetic(const zrtest::SyntheticOptions& options) {
+        zrtest::SyntheticBackup backup(options);
+        EXPECT_TRUE(backup.Write(m_tmp / ("synthetic" + std::to_string(++m_iFiles) + ".bak"))) << backup.Error();
+        return backup;
+    }
     zrtest::TempDir m_tmp;
+    int m_iFiles = 0;
 };
 
 }  // namespace
@@ -64,7 +66,7 @@ TEST_F(ScanTest, EveryNativeBackupWalksItsFirstDataSet) {
     for (const auto& f : aFiles) {
         SCOPED_TRACE(f.string());
         ScanRun run = Walk({f}, 1);
-        EXPECT_TRUE(run.bResult) << std::string(ErrorsText().begin(), ErrorsText().end());
+        EXPECT_TRUE(run.bResult) << zrtest::ErrorTextNarrow();
         const RecordingScan& scan = *run.pScan;
         ASSERT_FALSE(scan.m_aBlocks.empty());
         EXPECT_EQ(scan.m_aBlocks.front().sType, "TAPE");
@@ -80,30 +82,25 @@ TEST_F(ScanTest, EveryNativeBackupWalksItsFirstDataSet) {
     }
 }
 
-TEST_F(ScanTest, FirstDataSetStopsBeforeTheAppendedOne) {
+// A file with two data sets: the first stops before the appended one, the
+// second is reached through the filemarks without walking the first, and a
+// third is not there.
+TEST_F(ScanTest, DataSetsOfAFileWithTwo) {
     ZR_REQUIRE_TESTDATA();
-    ScanRun run = Walk({*zrtest::TestDataFile(kTwoSets)}, 1);
-    ASSERT_TRUE(run.bResult);
-    for (const auto& b : run.pScan->m_aBlocks) EXPECT_LE(b.iDataSet, 1) << b.sType << " at " << b.iOffset;
-}
+    const fs::path file = *zrtest::TestDataFile(kTwoSets);
+    ScanRun first = Walk({file}, 1);
+    ASSERT_TRUE(first.bResult);
+    for (const auto& b : first.pScan->m_aBlocks) EXPECT_LE(b.iDataSet, 1) << b.sType << " at " << b.iOffset;
 
-TEST_F(ScanTest, AppendedDataSetIsReachedThroughTheFilemarks) {
-    ZR_REQUIRE_TESTDATA();
-    ScanRun run = Walk({*zrtest::TestDataFile(kTwoSets)}, 2);
-    ASSERT_TRUE(run.bResult) << std::string(ErrorsText().begin(), ErrorsText().end());
-    const RecordingScan& scan = *run.pScan;
-    EXPECT_EQ(scan.m_aSsets, std::vector<int>{2});
-    // Nothing of data set 1 was walked: the SSET of set 2 follows the TAPE.
-    ASSERT_GE(scan.m_aBlocks.size(), 2u);
-    EXPECT_EQ(scan.m_aBlocks[1].sType, "SSET");
-    EXPECT_EQ(scan.m_aBlocks[1].iDataSet, 2);
-    EXPECT_FALSE(scan.m_aData.empty());
-}
+    ScanRun second = Walk({file}, 2);
+    ASSERT_TRUE(second.bResult) << zrtest::ErrorTextNarrow();
+    EXPECT_EQ(second.pScan->m_aSsets, std::vector<int>{2});
+    ASSERT_GE(second.pScan->m_aBlocks.size(), 2u);
+    EXPECT_EQ(second.pScan->m_aBlocks[1].sType, "SSET") << "the SSET of set 2 follows the TAPE";
+    EXPECT_EQ(second.pScan->m_aBlocks[1].iDataSet, 2);
+    EXPECT_FALSE(second.pScan->m_aData.empty());
 
-TEST_F(ScanTest, DataSetAboveTheLastIsNotFound) {
-    ZR_REQUIRE_TESTDATA();
-    ScanRun run = Walk({*zrtest::TestDataFile(kTwoSets)}, 3);
-    EXPECT_FALSE(run.bResult);
+    EXPECT_FALSE(Walk({file}, 3).bResult);
     EXPECT_TRUE(ErrorsContain(L"Dataset #3 not found in backup."));
     EXPECT_TRUE(ErrorsContain(L"Abort during scan of backup file #0."));
 }
@@ -126,7 +123,7 @@ TEST_F(ScanTest, FlippedBlockHeaderGivesCorruptionWithNameAndOffset) {
     EXPECT_FALSE(run.bResult);
     std::wstring expected =
         L"DBLK Corruption detected in \"" + Wide(copy) + L"\" at offset " + std::to_wstring(iMsci) + L".";
-    EXPECT_TRUE(ErrorsContain(expected)) << std::string(ErrorsText().begin(), ErrorsText().end());
+    EXPECT_TRUE(ErrorsContain(expected)) << zrtest::ErrorTextNarrow();
     EXPECT_TRUE(ErrorsContain(L"Error during scan of backup file #0."));
     EXPECT_TRUE(FirstBlock(*run.pScan, "MSCI") == nullptr);
 }
@@ -163,19 +160,34 @@ TEST_F(ScanTest, TruncatedFileEndsTheWalk) {
 
 namespace {
 
-struct ReadLog {
+namespace pt = zr::platform::testing;
+
+// Every disk read of a walk, logged; the read numbered iFailAt (from 1) fails.
+struct ReadPlan {
     std::mutex m;
     std::vector<std::pair<uint64_t, uint64_t>> aReads;  // offset, length
+    int iFailAt = 0;
 };
-ReadLog g_readLog;
-decltype(&::ReadFile) g_realReadFile = nullptr;
+ReadPlan g_plan;
 
-BOOL LoggingReadFile(HANDLE h, LPVOID p, DWORD n, LPDWORD pRead, LPOVERLAPPED pOv) {
-    if (pOv) {
-        std::lock_guard<std::mutex> lock(g_readLog.m);
-        g_readLog.aReads.push_back({(uint64_t(pOv->OffsetHigh) << 32) | pOv->Offset, n});
+BOOL PlannedReadFile(HANDLE h, LPVOID p, DWORD n, LPDWORD pRead, LPOVERLAPPED pOv) {
+    {
+        std::lock_guard<std::mutex> lock(g_plan.m);
+        g_plan.aReads.push_back({pOv ? (uint64_t(pOv->OffsetHigh) << 32) | pOv->Offset : 0, n});
+        if (int(g_plan.aReads.size()) == g_plan.iFailAt) {
+            SetLastError(ERROR_READ_FAULT);
+            return FALSE;
+        }
     }
-    return g_realReadFile(h, p, n, pRead, pOv);
+    return g_DefaultFileCalls.ReadFile(h, p, n, pRead, pOv);
+}
+
+ScanRun PlannedWalk(const fs::path& file, int iDataSet, int iFailAt) {
+    g_plan.aReads.clear();
+    g_plan.iFailAt = iFailAt;
+    pt::ScopedFileCalls restore;
+    pt::ReplaceFileCall(&FileCalls::ReadFile, &PlannedReadFile);
+    return Walk({file}, iDataSet);
 }
 
 }  // namespace
@@ -183,17 +195,11 @@ BOOL LoggingReadFile(HANDLE h, LPVOID p, DWORD n, LPDWORD pRead, LPOVERLAPPED pO
 TEST_F(ScanTest, DataOfSqlStreamsIsNeverRead) {
     ZR_REQUIRE_TESTDATA();
     fs::path file = *zrtest::TestDataFile(kTwoSets);
-    g_readLog.aReads.clear();
-    ScanRun run;
-    {
-        zr::platform::testing::ScopedFileCalls restore;
-        g_realReadFile = zr::platform::testing::ReplaceFileCall(&FileCalls::ReadFile, &LoggingReadFile);
-        run = Walk({file}, 1);
-    }
+    ScanRun run = PlannedWalk(file, 1, 0);
     ASSERT_TRUE(run.bResult);
     ASSERT_FALSE(run.pScan->m_aData.empty());
     uint64_t iTotal = 0;
-    for (const auto& r : g_readLog.aReads) iTotal += r.second;
+    for (const auto& r : g_plan.aReads) iTotal += r.second;
     EXPECT_LT(iTotal, fs::file_size(file) / 4);
     // Only the read-ahead window at either end of a stream's data may touch it.
     const uint64_t iWindow = ZR_ReadAhead::ms_iDataSize + 4096;
@@ -201,58 +207,32 @@ TEST_F(ScanTest, DataOfSqlStreamsIsNeverRead) {
         if (d.iLength < 3 * iWindow) continue;
         uint64_t iInnerStart = static_cast<uint64_t>(d.iOffset) + iWindow;
         uint64_t iInnerEnd = static_cast<uint64_t>(d.iOffset) + d.iLength - iWindow;
-        for (const auto& r : g_readLog.aReads)
+        for (const auto& r : g_plan.aReads)
             EXPECT_FALSE(r.first < iInnerEnd && r.first + r.second > iInnerStart)
                 << d.sType << " data read at " << r.first << " for " << r.second;
     }
 }
 
-namespace {
-
-int g_iFailAt = 0;     // the call that fails, from 1
-int g_iReadCalls = 0;
-
-BOOL FailingReadFile(HANDLE h, LPVOID p, DWORD n, LPDWORD pRead, LPOVERLAPPED pOv) {
-    if (++g_iReadCalls == g_iFailAt) {
-        SetLastError(ERROR_READ_FAULT);
-        return FALSE;
-    }
-    return g_realReadFile(h, p, n, pRead, pOv);
-}
-
-}  // namespace
-
 // Whichever disk read fails, the scan either ends with a recorded error or
 // succeeds, and every file it opened is closed again.
 TEST_F(ScanTest, FailedReadAnywhereEndsCleanly) {
-    zrtest::SyntheticOptions options;
-    options.version = 10;
-    options.dataSets = 3;
-    fs::path path = m_tmp / "faults.bak";
-    auto backup = WriteSynthetic(path, options);
-    namespace pt = zr::platform::testing;
+    const fs::path path = Synthetic({.dataSets = 3}).Stripes()[0].path;
     size_t iHandlesBefore = pt::OpenFileHandleCount();
-    bool bHitFault = true;
-    for (g_iFailAt = 1; bHitFault; ++g_iFailAt) {
-        SCOPED_TRACE(g_iFailAt);
+    int iFailAt = 1;
+    for (bool bHitFault = true; bHitFault; ++iFailAt) {
+        SCOPED_TRACE(iFailAt);
         ZR_ClearErrors(nullptr);
-        g_iReadCalls = 0;
-        ScanRun run;
-        {
-            pt::ScopedFileCalls restore;
-            g_realReadFile = pt::ReplaceFileCall(&FileCalls::ReadFile, &FailingReadFile);
-            run = Walk({path}, 3);
-        }
-        bHitFault = g_iReadCalls >= g_iFailAt;
+        ScanRun run = PlannedWalk(path, 3, iFailAt);
+        bHitFault = int(g_plan.aReads.size()) >= iFailAt;
         if (run.bResult) {
             EXPECT_EQ(run.pScan->m_aSsets, std::vector<int>{3});
         } else {
             EXPECT_FALSE(ErrorsText().empty());
         }
         EXPECT_EQ(pt::OpenFileHandleCount(), iHandlesBefore);
-        ASSERT_LT(g_iFailAt, 1000);
+        ASSERT_LT(iFailAt, 1000);
     }
-    EXPECT_GT(g_iFailAt, 3);
+    EXPECT_GT(iFailAt, 3);
 }
 
 TEST_F(ScanTest, UnsupportedFileAmongGoodOnesOnlyWarns) {
@@ -273,11 +253,7 @@ TEST_F(ScanTest, UnsupportedFileAmongGoodOnesOnlyWarns) {
 TEST_F(ScanTest, OlderVersionsWalk) {
     for (int iVersion : {7, 8}) {
         SCOPED_TRACE(iVersion);
-        zrtest::SyntheticOptions options;
-        options.version = iVersion;
-        fs::path path = m_tmp / ("v" + std::to_string(iVersion) + ".bak");
-        auto backup = WriteSynthetic(path, options);
-        ScanRun run = Walk({path}, 1);
+        ScanRun run = Walk({Synthetic({.version = iVersion}).Stripes()[0].path}, 1);
         EXPECT_TRUE(run.bResult);
         EXPECT_EQ(run.pScan->m_aSsets, std::vector<int>{1});
         EXPECT_EQ(run.pScan->Count("MSDA"), 1);
@@ -285,56 +261,34 @@ TEST_F(ScanTest, OlderVersionsWalk) {
     }
 }
 
-// Both layouts of the filemark array lead straight to the data set asked for.
-TEST_F(ScanTest, SeekFindsEachOfManyDataSets) {
-    for (int iVersion : {9, 10}) {
-        zrtest::SyntheticOptions options;
-        options.version = iVersion;
-        options.dataSets = 6;
-        fs::path path = m_tmp / ("many" + std::to_string(iVersion) + ".bak");
-        auto backup = WriteSynthetic(path, options);
-        for (int iDataSet = 2; iDataSet <= 6; ++iDataSet) {
-            SCOPED_TRACE("version " + std::to_string(iVersion) + " data set " + std::to_string(iDataSet));
+// Both layouts of the filemark array lead straight to the data set asked
+// for; with more filemarks than one block's array holds, the oldest entry of
+// the last block leads to an older block, whose entries reach further back.
+TEST_F(ScanTest, SeekFindsTheDataSetThroughTheFilemarks) {
+    const struct {
+        int iVersion, iDataSets;
+        std::vector<int> aWanted;
+    } aCases[] = {{9, 6, {2, 3, 4, 5, 6}}, {10, 6, {2, 3, 4, 5, 6}}, {10, 24, {2, 5, 23, 24}}};
+    for (const auto& c : aCases) {
+        const fs::path path =
+            Synthetic({.version = c.iVersion, .filePages = {8}, .dataSets = c.iDataSets}).Stripes()[0].path;
+        for (int iDataSet : c.aWanted) {
+            SCOPED_TRACE(testing::Message() << "version " << c.iVersion << " data set " << iDataSet);
             ScanRun run = Walk({path}, iDataSet);
-            ASSERT_TRUE(run.bResult) << std::string(ErrorsText().begin(), ErrorsText().end());
+            ASSERT_TRUE(run.bResult) << zrtest::ErrorTextNarrow();
             EXPECT_EQ(run.pScan->m_aSsets, std::vector<int>{iDataSet});
             ASSERT_GE(run.pScan->m_aBlocks.size(), 2u);
             EXPECT_EQ(run.pScan->m_aBlocks[1].sType, "SSET");
         }
-        ScanRun past = Walk({path}, 7);
-        EXPECT_FALSE(past.bResult);
-        EXPECT_TRUE(ErrorsContain(L"Dataset #7 not found in backup."));
-    }
-}
-
-// With more filemarks than one block's array holds, the oldest entry of the
-// last block leads to an older block, whose entries reach further back.
-TEST_F(ScanTest, SeekStepsBackThroughOlderFilemarkBlocks) {
-    zrtest::SyntheticOptions options;
-    options.version = 10;
-    options.dataSets = 24;
-    options.filePages = {8};
-    fs::path path = m_tmp / "long.bak";
-    auto backup = WriteSynthetic(path, options);
-    for (int iDataSet : {2, 5, 23, 24}) {
-        SCOPED_TRACE(iDataSet);
-        ScanRun run = Walk({path}, iDataSet);
-        ASSERT_TRUE(run.bResult) << std::string(ErrorsText().begin(), ErrorsText().end());
-        EXPECT_EQ(run.pScan->m_aSsets, std::vector<int>{iDataSet});
-        ASSERT_GE(run.pScan->m_aBlocks.size(), 2u);
-        EXPECT_EQ(run.pScan->m_aBlocks[1].sType, "SSET");
+        EXPECT_FALSE(Walk({path}, c.iDataSets + 1).bResult);
+        EXPECT_TRUE(ErrorsContain(L"Dataset #" + std::to_wstring(c.iDataSets + 1) + L" not found in backup."));
     }
 }
 
 TEST_F(ScanTest, DamagedLastFilemarkFallsBackToTheBlockWalk) {
-    zrtest::SyntheticOptions options;
-    options.version = 9;
-    options.dataSets = 4;
-    options.damage.badLastFilemark = true;
-    fs::path path = m_tmp / "badmark.bak";
-    auto backup = WriteSynthetic(path, options);
+    const fs::path path = Synthetic({.version = 9, .dataSets = 4, .damage = {.badLastFilemark = true}}).Stripes()[0].path;
     ScanRun run = Walk({path}, 3);
-    ASSERT_TRUE(run.bResult) << std::string(ErrorsText().begin(), ErrorsText().end());
+    ASSERT_TRUE(run.bResult) << zrtest::ErrorTextNarrow();
     EXPECT_EQ(run.pScan->m_aSsets, std::vector<int>{3});
     EXPECT_TRUE(ErrorsContain(L"SFMB Corruption detected in \"" + Wide(path) + L"\""));
     // The walk went through the filemarks of the data sets in front.
@@ -342,13 +296,8 @@ TEST_F(ScanTest, DamagedLastFilemarkFallsBackToTheBlockWalk) {
 }
 
 TEST_F(ScanTest, HeaderRunBehindPh6sIsWalked) {
-    zrtest::SyntheticOptions options;
-    options.version = 10;
-    options.ph6sFiles = 3;
-    fs::path path = m_tmp / "ph6s.bak";
-    auto backup = WriteSynthetic(path, options);
-    ScanRun run = Walk({path}, 1);
-    ASSERT_TRUE(run.bResult) << std::string(ErrorsText().begin(), ErrorsText().end());
+    ScanRun run = Walk({Synthetic({.ph6sFiles = 3}).Stripes()[0].path}, 1);
+    ASSERT_TRUE(run.bResult) << zrtest::ErrorTextNarrow();
     EXPECT_EQ(run.pScan->m_aHeaderLengths, (std::vector<uint32_t>{700, 1000, 1300, 0}));
     // The blocks behind the run were found again.
     EXPECT_GE(run.pScan->Count("MSTL"), 1);
@@ -358,8 +307,8 @@ TEST_F(ScanTest, HeaderRunBehindPh6sIsWalked) {
 // A header whose checksum holds but whose length cannot move the walk on
 // must not hold the walk at one place.
 TEST_F(ScanTest, BlockOfZeroLengthIsRefused) {
-    fs::path path = m_tmp / "zero.bak";
-    auto backup = WriteSynthetic(path, zrtest::SyntheticOptions());
+    const auto backup = Synthetic({});
+    const fs::path path = backup.Stripes()[0].path;
     uint64_t iSset = 0;
     for (const auto& b : backup.Stripes()[0].blocks)
         if (b.type == "SSET") iSset = b.offset;

@@ -65,40 +65,32 @@ TEST(DriverTraceWithoutDriver, FailsAsAClosedPort) {
     EXPECT_EQ(CaptureDriverTrace(), nullptr);
 }
 
-TEST_F(FakeTracePort, EnableSendsCommandOneWithSizeAndLimit) {
+// Each call connects, sends its command, and closes its connection again.
+TEST_F(FakeTracePort, EachCallSendsItsCommand) {
+    g_bIOInstanceLog = false;
     EXPECT_TRUE(EnableDriverTrace());
-    ASSERT_EQ(m_seen.size(), 1u);
-    EXPECT_EQ(m_seen[0].in, (Bytes{1, 0, 0, 0, 0, 0, 0x10, 0, 0xFF, 0xFF, 0xFF, 0xFF}));
-    EXPECT_FALSE(m_seen[0].bOutBuffer);
-    EXPECT_EQ(m_seen[0].cbOut, 0u);
-    ExpectNoPortLeftOpen();
-
-    m_hrReply = E_FAIL;
-    EXPECT_FALSE(EnableDriverTrace()) << "a failed status is a failure";
-    m_hrReply = S_FALSE;
-    EXPECT_FALSE(EnableDriverTrace()) << "only 0 is a success";
-}
-
-TEST_F(FakeTracePort, DisableSendsCommandTwoAlone) {
-    g_bIOInstanceLog = true;
+    EXPECT_TRUE(g_bIOInstanceLog);
     EXPECT_TRUE(DisableDriverTrace());
     EXPECT_FALSE(g_bIOInstanceLog);
-    ASSERT_EQ(m_seen.size(), 1u);
-    EXPECT_EQ(m_seen[0].in, (Bytes{2, 0, 0, 0}));
-    ExpectNoPortLeftOpen();
-}
-
-TEST_F(FakeTracePort, CaptureSendsCommandThreeAndHandsOverTheReply) {
-    m_hrReply = E_FAIL;  // the reply buffer is handed over all the same
+    m_hrReply = E_FAIL;  // the capture's reply buffer is handed over all the same
     char* p = static_cast<char*>(CaptureDriverTrace());
     ASSERT_NE(p, nullptr);
     EXPECT_STREQ(p, "driver trace");
     FreeTraceBuffer(p);
-    ASSERT_EQ(m_seen.size(), 1u);
-    EXPECT_EQ(m_seen[0].in, (Bytes{3, 0, 0, 0, 0, 0, 0x10, 0, 0, 0, 0, 0}));
-    EXPECT_TRUE(m_seen[0].bOutBuffer);
-    EXPECT_EQ(m_seen[0].cbOut, 0x100000u);
+
+    ASSERT_EQ(m_seen.size(), 3u);
+    EXPECT_EQ(m_seen[0].in, (Bytes{1, 0, 0, 0, 0, 0, 0x10, 0, 0xFF, 0xFF, 0xFF, 0xFF})) << "size and limit";
+    EXPECT_FALSE(m_seen[0].bOutBuffer);
+    EXPECT_EQ(m_seen[0].cbOut, 0u);
+    EXPECT_EQ(m_seen[1].in, (Bytes{2, 0, 0, 0}));
+    EXPECT_EQ(m_seen[2].in, (Bytes{3, 0, 0, 0, 0, 0, 0x10, 0, 0, 0, 0, 0}));
+    EXPECT_TRUE(m_seen[2].bOutBuffer);
+    EXPECT_EQ(m_seen[2].cbOut, 0x100000u);
     ExpectNoPortLeftOpen();
+
+    EXPECT_FALSE(EnableDriverTrace()) << "a failed status is a failure";
+    m_hrReply = S_FALSE;
+    EXPECT_FALSE(EnableDriverTrace()) << "only 0 is a success";
 }
 
 TEST_F(FakeTracePort, RegistryRules) {

@@ -2,53 +2,39 @@
 // file walks clean, data sets are counted as the README says, and a naive
 // restore of a full backup gives pages that carry their own ids and checksums.
 #include "support/MtfWalker.h"
+#include "support/Manifest.h"
 #include "support/PageFormat.h"
+#include "support/RealMaps.h"
 #include "support/TestData.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstring>
-#include <fstream>
 
 namespace zrtest {
 namespace {
 
-std::vector<std::filesystem::path> RealBackups() {
-    std::vector<std::filesystem::path> files;
-    for (const auto& e : std::filesystem::recursive_directory_iterator(*TestDataDir())) {
-        auto ext = e.path().extension();
-        if (e.is_regular_file() && (ext == ".bak" || ext == ".trn")) files.push_back(e.path());
-    }
-    std::sort(files.begin(), files.end());
-    return files;
-}
-
-std::vector<std::uint8_t> ReadAll(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
 TEST(MtfWalkerReal, EveryNativeBackupWalksCleanAndTheCompressedOneIsRefused) {
     ZR_REQUIRE_TESTDATA();
-    auto files = RealBackups();
-    ASSERT_GE(files.size(), 40u);
-    for (const auto& f : files) {
-        MtfWalk w = MtfWalker::WalkFile(f);
-        if (f.filename() == "TSQLV4.bak") {
+    const auto rows = ReadManifest();
+    ASSERT_GE(rows.size(), 40u);
+    for (const ManifestEntry& row : rows) {
+        SCOPED_TRACE(row.file);
+        MtfWalk w = MtfWalker::WalkFile(*TestDataFile(row.file));
+        if (row.compressed) {
             EXPECT_FALSE(w.ok);
             EXPECT_EQ(w.faultOffset, 0u);
             EXPECT_NE(w.fault.find("MSSQ"), std::string::npos) << w.fault;
             continue;
         }
-        ASSERT_TRUE(w.ok) << f << ": " << w.fault << " at " << w.faultOffset;
-        EXPECT_EQ(w.filemarks.back() + w.softFilemarkSize, w.size) << f;
+        ASSERT_TRUE(w.ok) << w.fault << " at " << w.faultOffset;
+        EXPECT_EQ(w.filemarks.back() + w.softFilemarkSize, w.size);
+        ASSERT_EQ(w.dataSets.size(), std::size_t(row.sets));
         for (const auto& set : w.dataSets) {
-            EXPECT_TRUE(set.closed) << f;
-            ASSERT_TRUE(set.msci.present && set.msls.present) << f;
-            EXPECT_EQ(set.msci.version, set.softwareMajorVersion) << f;
-            bool log = set.msci.backupType == 'L';
-            EXPECT_EQ(set.data.empty(), log) << f;
+            EXPECT_TRUE(set.closed);
+            ASSERT_TRUE(set.msci.present && set.msls.present);
+            EXPECT_EQ(set.msci.version, set.softwareMajorVersion);
+            EXPECT_EQ(set.data.empty(), set.msci.backupType == 'L');
         }
     }
 }
@@ -131,7 +117,7 @@ TEST(MtfWalkerReal, NaiveRestorePutsTheDifferentialOverTheFull) {
 
 TEST(MtfWalkerBytes, FindsTheFirstFaultInDamagedCopiesOfARealBackup) {
     ZR_REQUIRE_TESTDATA();
-    auto bytes = ReadAll(*TestDataFile("appveyor-lab/RestoreTimeClean/RestoreTimeClean_1.trn"));
+    auto bytes = ReadFileBytes(*TestDataFile("appveyor-lab/RestoreTimeClean/RestoreTimeClean_1.trn"));
     ASSERT_TRUE(MtfWalker::WalkBytes(bytes).ok);
 
     auto streamFlip = bytes;

@@ -30,12 +30,9 @@ TEST(SyntheticBackup, EveryVersionAndKindWalksClean) {
     TempDir dir;
     for (int version = 7; version <= 10; ++version) {
         for (auto kind : {SyntheticKind::Full, SyntheticKind::Differential, SyntheticKind::Log}) {
-            SyntheticOptions o;
-            o.version = version;
-            o.kind = kind;
-            o.filePages = {40, 17};
-            o.databaseName = "db" + std::to_string(version);
-            if (kind == SyntheticKind::Differential) o.differentialBaseLsn = {19, 5, 1};
+            const SyntheticLsn base = kind == SyntheticKind::Differential ? SyntheticLsn{19, 5, 1} : SyntheticLsn{};
+            const SyntheticOptions o{.version = version, .kind = kind, .databaseName = "db" + std::to_string(version),
+                                     .filePages = {40, 17}, .differentialBaseLsn = base};
             SyntheticBackup b = Written(dir, o);
             MtfWalk w = MtfWalker::WalkFile(b.Stripes()[0].path);
             ASSERT_TRUE(w.ok) << version << ": " << w.fault << " at " << w.faultOffset;
@@ -46,7 +43,7 @@ TEST(SyntheticBackup, EveryVersionAndKindWalksClean) {
             EXPECT_EQ(s.msci.databaseName, o.databaseName);
             EXPECT_EQ(s.msls.serverName, o.serverName);
             EXPECT_EQ(s.msci.firstLsn, (MtfLsn{20, 100, 1}));
-            EXPECT_EQ(s.msci.differentialBaseLsn, (MtfLsn{o.differentialBaseLsn.seqNo, o.differentialBaseLsn.blockOffset, o.differentialBaseLsn.slotId}));
+            EXPECT_EQ(s.msci.differentialBaseLsn, (MtfLsn{base.seqNo, base.blockOffset, base.slotId}));
             ASSERT_EQ(s.msci.files.size(), 3u);
             EXPECT_EQ(s.msci.files[1].fileId, 3u);
             EXPECT_EQ(s.msci.files[1].fileSize, 17u * kPageSize);
@@ -64,10 +61,8 @@ TEST(SyntheticBackup, EveryVersionAndKindWalksClean) {
 
 TEST(SyntheticBackup, PagesHoldWhatTheWriterSaysAndRestoreByTheirIds) {
     TempDir dir;
-    SyntheticOptions o;
-    o.filePages = {24, 20};  // the second file ends inside its last extent
-    o.seed = 7;
-    SyntheticBackup b = Written(dir, o);
+    // The second file ends inside its last extent.
+    SyntheticBackup b = Written(dir, {.filePages = {24, 20}, .seed = 7});
     const WrittenStripe& s = b.Stripes()[0];
     ASSERT_EQ(s.extents.size(), 3u + 3u);
     auto source = MtfSource::FromFile(s.path);
@@ -111,11 +106,7 @@ TEST(SyntheticBackup, PageChecksumCatchesEveryFlippedBit) {
 
 TEST(SyntheticBackup, StripesShareTheDataRoundRobin) {
     TempDir dir;
-    SyntheticOptions o;
-    o.filePages = {96, 64};
-    o.stripes = 3;
-    o.transferExtents = 2;
-    SyntheticBackup b = Written(dir, o);
+    SyntheticBackup b = Written(dir, {.filePages = {96, 64}, .stripes = 3, .transferExtents = 2});
     ASSERT_EQ(b.Stripes().size(), 3u);
     std::set<std::pair<std::uint16_t, std::uint32_t>> seen;
     for (int i = 0; i < 3; ++i) {
@@ -141,11 +132,7 @@ TEST(SyntheticBackup, StripesShareTheDataRoundRobin) {
 TEST(SyntheticBackup, AppendedDataSetsHaveTheirFilemarksAndOwnPages) {
     TempDir dir;
     for (int version : {9, 10}) {
-        SyntheticOptions o;
-        o.version = version;
-        o.dataSets = 3;
-        o.ph6sFiles = 2;
-        SyntheticBackup b = Written(dir, o);
+        SyntheticBackup b = Written(dir, {.version = version, .dataSets = 3, .ph6sFiles = 2});
         MtfWalk w = MtfWalker::WalkFile(b.Stripes()[0].path);
         ASSERT_TRUE(w.ok) << w.fault << " at " << w.faultOffset;
         ASSERT_EQ(w.dataSets.size(), 3u);
@@ -166,14 +153,13 @@ TEST(SyntheticBackup, AppendedDataSetsHaveTheirFilemarksAndOwnPages) {
 
 TEST(SyntheticBackup, DifferentialHoldsTheChosenExtentsOverTheFull) {
     TempDir dir;
-    SyntheticOptions full;
-    full.filePages = {80};
-    SyntheticBackup f = Written(dir, full, "full.bak");
-    SyntheticOptions diff = full;
-    diff.kind = SyntheticKind::Differential;
-    diff.seed = 50;
-    diff.differentialExtents = [](std::uint16_t, std::uint32_t e) { return e == 0 || e == 7; };
-    SyntheticBackup d = Written(dir, diff, "diff.bak");
+    SyntheticBackup f = Written(dir, {.filePages = {80}}, "full.bak");
+    SyntheticBackup d = Written(dir,
+                                {.kind = SyntheticKind::Differential,
+                                 .filePages = {80},
+                                 .seed = 50,
+                                 .differentialExtents = [](std::uint16_t, std::uint32_t e) { return e == 0 || e == 7; }},
+                                "diff.bak");
     MtfWalk w = MtfWalker::WalkFile(d.Stripes()[0].path);
     ASSERT_TRUE(w.ok) << w.fault;
     EXPECT_EQ(w.dataSets[0].ssetAttributes, 8u);
@@ -192,12 +178,7 @@ TEST(SyntheticBackup, DifferentialHoldsTheChosenExtentsOverTheFull) {
 TEST(SyntheticBackup, EachDamageIsMetWhereTheWriterSaysItIs) {
     TempDir dir;
     auto damaged = [&](SyntheticDamage damage, int stripes) {
-        SyntheticOptions o;
-        o.filePages = {64};
-        o.stripes = stripes;
-        o.dataSets = 2;
-        o.damage = damage;
-        SyntheticBackup b = Written(dir, o);
+        SyntheticBackup b = Written(dir, {.stripes = stripes, .dataSets = 2, .damage = damage});
         const WrittenStripe& s = b.Stripes()[std::size_t(damage.stripe)];
         EXPECT_TRUE(s.damageOffset.has_value());
         MtfWalk w = MtfWalker::WalkFile(s.path);
@@ -209,30 +190,17 @@ TEST(SyntheticBackup, EachDamageIsMetWhereTheWriterSaysItIs) {
             }
         return w;
     };
-    SyntheticDamage block;
-    block.badChecksumBlock = 6;  // MSDA of the first data set
-    EXPECT_NE(damaged(block, 1).fault.find("DBLK"), std::string::npos);
-    SyntheticDamage last;
-    last.badLastFilemark = true;
-    last.stripe = 1;
-    EXPECT_NE(damaged(last, 2).fault.find("SFMB"), std::string::npos);
-    for (std::uint64_t cut : {std::uint64_t(100000), std::uint64_t(1536), std::uint64_t(5700)}) {
-        SyntheticDamage truncation;
-        truncation.truncateAt = cut;
-        damaged(truncation, 1);
-    }
+    EXPECT_NE(damaged({.badChecksumBlock = 6}, 1).fault.find("DBLK"), std::string::npos);  // MSDA of data set 1
+    EXPECT_NE(damaged({.stripe = 1, .badLastFilemark = true}, 2).fault.find("SFMB"), std::string::npos);
+    for (std::uint64_t cut : {100000, 1536, 5700}) damaged({.truncateAt = cut}, 1);
 }
 
 TEST(SyntheticBackup, RefusesOptionsThatMakeNoBackup) {
     TempDir dir;
-    SyntheticOptions o;
-    o.version = 11;
-    SyntheticBackup b(o);
+    SyntheticBackup b({.version = 11});
     EXPECT_FALSE(b.Write(dir / "x.bak"));
     EXPECT_FALSE(b.Error().empty());
-    SyntheticOptions bad;
-    bad.damage.badChecksumBlock = 10000;
-    SyntheticBackup c(bad);
+    SyntheticBackup c({.damage = {.badChecksumBlock = 10000}});
     EXPECT_FALSE(c.Write(dir / "y.bak"));
 }
 

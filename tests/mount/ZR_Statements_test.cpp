@@ -10,6 +10,7 @@
 #include <cstring>
 #include <cwchar>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "backup/SQL_Records.h"
@@ -21,6 +22,7 @@
 #include "mount/ZR_MountStepsTesting.h"
 #include "zirlane/zirlane.h"
 #include "MountTestBase.h"
+#include "support/ConfigStream.h"
 #include "support/ErrorText.h"
 
 namespace {
@@ -70,8 +72,6 @@ bool EndsWith(const std::wstring& str, const std::wstring& strEnd) {
     return str.size() >= strEnd.size() && str.compare(str.size() - strEnd.size(), strEnd.size(), strEnd) == 0;
 }
 
-std::string Utf8(const std::wstring& str) { return testing::PrintToString(str); }
-
 // The library's own mount steps, whatever a test has installed.
 ZR_MountSteps* LibrarySteps() {
     ZR_MountSteps* pInstalled = ZR_InstallMountStepsForTesting(nullptr);
@@ -80,19 +80,14 @@ ZR_MountSteps* LibrarySteps() {
     return pLibrary;
 }
 
-std::vector<std::string> TraceLines() {
+// Whether a line of the trace ring holds the text.
+bool Traced(const std::string& text) {
     int cbBuffer = 0, cbLine = 0;
     char* p = CaptureServiceTrace(&cbBuffer, &cbLine);
-    std::vector<std::string> out;
-    for (int i = 0; p && i + cbLine <= cbBuffer; i += cbLine) out.emplace_back(p + i + kTracePrefixSize);
+    bool bFound = false;
+    for (int i = 0; p && i + cbLine <= cbBuffer; i += cbLine) bFound |= std::strstr(p + i, text.c_str()) != nullptr;
     FreeTraceBuffer(p);
-    return out;
-}
-
-bool Traced(const std::string& text) {
-    for (const std::string& line : TraceLines())
-        if (line.find(text) != std::string::npos) return true;
-    return false;
+    return bFound;
 }
 
 std::wstring Errors(const wchar_t* wszKey) { return zrtest::ErrorText(wszKey); }
@@ -182,23 +177,23 @@ TEST_F(Statements, NumberingAndRecoveryFollowTheShapeOfTheChain) {
     EXPECT_NE(Sql(pLogs, 2).find(L"!" + std::to_wstring(Id(pDB, 3, 0)) + L".bxk'\n\nwith recovery"),
               std::wstring::npos);
 
-    // A differential and no log: the differential recovers.
-    ZR_MountInfo* pDiff = Request(1, true, 0, L"diff");
-    ASSERT_NE(Mount(pDiff), nullptr);
-    EXPECT_EQ(GetNumSQL(pDiff), 2);
-    EXPECT_NE(Sql(pDiff, 0).find(L"\nwith \nnorecovery"), std::wstring::npos);
-    EXPECT_TRUE(EndsWith(Sql(pDiff, 1), L"'\n\nwith recovery"));
-}
-
-TEST_F(Statements, NamesAndFileNamesAreQuotedTheWaySqlServerReadsThem) {
-    const wchar_t wszKey[] = L"it's]key";
-    ZR_MountInfo* pInfo = Request(1, false, 0, wszKey);
-    SetTargetDatabase(pInfo, L"Sa]l'es");
-    ZR_Database* pDB = Mount(pInfo);
+    // A differential and no log: the differential recovers. Names are quoted
+    // the way SQL Server reads them.
+    ZR_MountInfo* pDiff = Request(1, true, 0, L"it's]key");
+    SetTargetDatabase(pDiff, L"Sa]l'es");
+    pDB = Mount(pDiff);
     ASSERT_NE(pDB, nullptr);
-    const std::wstring strFull = Sql(pInfo, 0);
+    EXPECT_EQ(GetNumSQL(pDiff), 2);
+    const std::wstring strFull = Sql(pDiff, 0);  // the id is that of the last generation
     EXPECT_EQ(strFull, L"RESTORE DATABASE [Sa]]l'es] FROM DISK=\n'C:\\it''s]key!" + std::to_wstring(Id(pDB, 0, 0)) +
-                           L".bxk'\nwith \nrecovery");
+                           L".bxk'\nwith \nnorecovery");
+    EXPECT_TRUE(EndsWith(Sql(pDiff, 1), L"'\n\nwith recovery"));
+
+    // A full backup alone recovers.
+    ZR_MountInfo* pAlone = Request(1, false, 0, L"alone");
+    ASSERT_NE(Mount(pAlone), nullptr);
+    EXPECT_EQ(GetNumSQL(pAlone), 1);
+    EXPECT_TRUE(EndsWith(Sql(pAlone, 0), L"'\nwith \nrecovery"));
 }
 
 // A stop at a mark by its name holds only where the log is restored; a stop
@@ -211,8 +206,6 @@ TEST_F(Statements, StopKindsGiveTheirClausesWhereTheyBelong) {
         const wchar_t* wszClause;
         bool bInData;
     };
-    ZR_SqlDateTime after{};
-    ASSERT_TRUE(DateToSqlDateTime(ZR_DateParts{2009, 5, 15, 13, 19, 34, 790}, &after));
     const Case aCases[] = {
         {ZR_STOP_AT_LSN, L"STOPATMARK='LSN:25:173:1'", true},
         {ZR_STOP_AT_LSN_AFTER, L"STOPATMARK='LSN:25:173:1' AFTER '2009-05-15 13:19:34.790'", true},
@@ -225,19 +218,19 @@ TEST_F(Statements, StopKindsGiveTheirClausesWhereTheyBelong) {
     };
     pInfo->m_Stop.m_lsn = LSN{25, 173, 1};
     pInfo->m_Stop.m_strMark = L"it's";
-    pInfo->m_Stop.m_dtAfter = after;
+    pInfo->m_Stop.m_dtAfter = {14392437, 39946};  // 13:19:34.790 in ticks of 1/300 s, 2009-05-15 in days from 1900
     for (const Case& c : aCases) {
         SCOPED_TRACE(static_cast<int>(c.eType));
         pInfo->m_Stop.m_eStopType = c.eType;
         const std::wstring strTail = std::wstring(L", \n\n") + c.wszClause;
         const std::wstring strFull = Sql(pInfo, 0), strDiff = Sql(pInfo, 1), strLog = Sql(pInfo, 2);
-        EXPECT_TRUE(EndsWith(strLog, L"\nwith recovery" + strTail)) << Utf8(strLog);
+        EXPECT_TRUE(EndsWith(strLog, L"\nwith recovery" + strTail)) << testing::PrintToString(strLog);
         if (c.bInData) {
-            EXPECT_TRUE(EndsWith(strFull, L"\nnorecovery" + strTail)) << Utf8(strFull);
-            EXPECT_TRUE(EndsWith(strDiff, L"\nwith norecovery" + strTail)) << Utf8(strDiff);
+            EXPECT_TRUE(EndsWith(strFull, L"\nnorecovery" + strTail)) << testing::PrintToString(strFull);
+            EXPECT_TRUE(EndsWith(strDiff, L"\nwith norecovery" + strTail)) << testing::PrintToString(strDiff);
         } else {
-            EXPECT_TRUE(EndsWith(strFull, L"'\nwith \nnorecovery")) << Utf8(strFull);
-            EXPECT_TRUE(EndsWith(strDiff, L"'\n\nwith norecovery")) << Utf8(strDiff);
+            EXPECT_TRUE(EndsWith(strFull, L"'\nwith \nnorecovery")) << testing::PrintToString(strFull);
+            EXPECT_TRUE(EndsWith(strDiff, L"'\n\nwith norecovery")) << testing::PrintToString(strDiff);
         }
     }
     pInfo->m_Stop.m_eStopType = ZR_STOP_UNDEFINED;
@@ -246,7 +239,8 @@ TEST_F(Statements, StopKindsGiveTheirClausesWhereTheyBelong) {
 
 TEST_F(Statements, GenStopAtWithoutWithStartsItsOwnClause) {
     ZR_MountInfo* pInfo = Request(1, false, 0);
-    ASSERT_TRUE(SetStop(pInfo, L"STOPAT='1899-12-31 23:59:59.997'"));
+    pInfo->m_Stop.m_eStopType = ZR_STOP_AT_TIME;
+    pInfo->m_Stop.m_dtStopAt = {25919999, -1};  // the last tick of the day before 1900-01-01
     XString<wchar_t> str(L"x");
     ZR::GetZR()->GenStopAt(pInfo, str, false);
     EXPECT_STREQ(str.GetString(), L"x with \n\nSTOPAT='1899-12-31 23:59:59.997'");
@@ -268,7 +262,7 @@ TEST_F(Statements, WithOptionsGoToTheirStatementsInOrder) {
     EXPECT_TRUE(pInfo->m_aWith.front().empty());
     ASSERT_NE(Mount(pInfo), nullptr);
     const std::wstring strLast = Sql(pInfo, 2);
-    EXPECT_TRUE(EndsWith(strLast, L"'\n\nwith recovery,\nstats = 10,\nchecksum")) << Utf8(strLast);
+    EXPECT_TRUE(EndsWith(strLast, L"'\n\nwith recovery,\nstats = 10,\nchecksum")) << testing::PrintToString(strLast);
     EXPECT_TRUE(EndsWith(Sql(pInfo, 1), L"'\n\nwith norecovery"));
     EXPECT_TRUE(EndsWith(Sql(pInfo, 0), L"'\nwith \nnorecovery"));
 }
@@ -342,56 +336,23 @@ TEST_F(Statements, SizesCopiesAndNullArguments) {
 // ---- The attach statement and the source names, from configuration records
 // laid out here as a backup lays them out. ----
 
-void PutUtf16(std::vector<uint8_t>& rec, MTF_TAPE_ADDRESS* pta, const std::wstring& text) {
-    pta->m_size = static_cast<uint16_t>(text.size() * 2);
-    pta->m_offset = static_cast<uint16_t>(rec.size());
-    for (wchar_t c : text) {
-        rec.push_back(static_cast<uint8_t>(c & 0xFF));
-        rec.push_back(static_cast<uint8_t>((c >> 8) & 0xFF));
-    }
-}
-
-template <typename T>
-std::vector<uint8_t> Record(const T& fixed, const char* szType) {
-    std::vector<uint8_t> rec(sizeof(T));
-    std::memcpy(rec.data(), &fixed, sizeof(T));
-    std::memcpy(rec.data(), szType, 4);
-    return rec;
-}
-
-void Close(std::vector<uint8_t>& rec, std::vector<uint8_t>& stream) {
-    const uint32_t iSize = static_cast<uint32_t>(rec.size());
-    std::memcpy(rec.data() + 4, &iSize, 4);
-    stream.insert(stream.end(), rec.begin(), rec.end());
-}
-
-void AddFileRecord(std::vector<uint8_t>& stream, uint32_t iType, uint32_t iFlags, const std::wstring& strPhysical) {
-    SQL_FILE_INFO_V7 fi{};
-    fi.m_file_type = iType;
-    fi.m_flags = iFlags;
-    std::vector<uint8_t> rec = Record(fi, "SFIN");
-    MTF_TAPE_ADDRESS ta{};
-    PutUtf16(rec, &ta, strPhysical);
-    std::memcpy(rec.data() + offsetof(SQL_FILE_INFO_V7, m_physical_name), &ta, sizeof ta);
-    Close(rec, stream);
-}
-
 std::vector<uint8_t> ConfigStream(const std::wstring& strServer) {
-    std::vector<uint8_t> stream;
-    SQL_CONFIG_INFO_V7 ci{};
+    auto ci = zrtest::SqlRecord<SQL_CONFIG_INFO_V7>("SCIN");
     ci.m_server_version = 10u << 24;
-    std::vector<uint8_t> rec = Record(ci, "SCIN");
-    MTF_TAPE_ADDRESS taServer{}, taDatabase{};
-    PutUtf16(rec, &taServer, strServer);
-    PutUtf16(rec, &taDatabase, L"Sales");
-    std::memcpy(rec.data() + offsetof(SQL_CONFIG_INFO_V7, m_server_name), &taServer, sizeof taServer);
-    std::memcpy(rec.data() + offsetof(SQL_CONFIG_INFO_V7, m_database_name), &taDatabase, sizeof taDatabase);
-    Close(rec, stream);
-    AddFileRecord(stream, SQL_FILE_DATABASE, 0, L"D:\\a.mdf");
-    AddFileRecord(stream, SQL_FILE_PHYSICAL_LOG, 0, L"D:\\a_log.ldf");
-    AddFileRecord(stream, SQL_FILE_DATABASE, SQL_FILE_DROPPED, L"D:\\gone.ndf");
-    AddFileRecord(stream, SQL_FILE_DATABASE, 0, L"D:\\b.ndf");
-    return stream;
+    zrtest::ConfigStream stream;
+    stream.Add(ci, {{offsetof(SQL_CONFIG_INFO_V7, m_server_name), strServer},
+                    {offsetof(SQL_CONFIG_INFO_V7, m_database_name), L"Sales"}});
+    const std::tuple<uint32_t, uint32_t, const wchar_t*> aFiles[] = {{SQL_FILE_DATABASE, 0, L"D:\\a.mdf"},
+                                                                     {SQL_FILE_PHYSICAL_LOG, 0, L"D:\\a_log.ldf"},
+                                                                     {SQL_FILE_DATABASE, SQL_FILE_DROPPED, L"D:\\gone.ndf"},
+                                                                     {SQL_FILE_DATABASE, 0, L"D:\\b.ndf"}};
+    for (const auto& [iType, iFlags, wszPhysical] : aFiles) {
+        auto fi = zrtest::SqlRecord<SQL_FILE_INFO_V7>("SFIN");
+        fi.m_file_type = iType;
+        fi.m_flags = iFlags;
+        stream.Add(fi, {{offsetof(SQL_FILE_INFO_V7, m_physical_name), wszPhysical}});
+    }
+    return stream.m_a;
 }
 
 // Rows and views as ViewSteps gives them, and the configuration above in

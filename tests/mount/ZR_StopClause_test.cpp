@@ -8,133 +8,88 @@
 
 namespace {
 
-ZR_SqlDateTime DateTime(int y, int mo, int d, int h, int mi, int s, int ms) {
-    ZR_SqlDateTime dt{};
-    EXPECT_TRUE(DateToSqlDateTime(ZR_DateParts{y, mo, d, h, mi, s, ms}, &dt));
-    return dt;
-}
+// The datetimes below are written out: days since 1900-01-01 (2009-05-15 is
+// day 39,946) and ticks of 1/300 s since midnight (13:19:34 is 14,392,200).
+constexpr int32_t kMay15 = 39946;
+constexpr uint32_t kAt131934 = 14392200;
 
-void ExpectSameDateTime(const ZR_SqlDateTime& got, const ZR_SqlDateTime& want) {
-    EXPECT_EQ(int32_t{got.m_iDays}, int32_t{want.m_iDays});
-    EXPECT_EQ(uint32_t{got.m_iTicks}, uint32_t{want.m_iTicks});
-}
+struct StopCase {
+    const wchar_t* wszClause;
+    ZR_StopType_e eKind = ZR_STOP_UNDEFINED;  // undefined: the clause is refused
+    LSN lsn = {0, 0, 0};
+    const wchar_t* wszMark = L"";
+    ZR_SqlDateTime dtStopAt = {0, 0};  // ticks, days
+    ZR_SqlDateTime dtAfter = {0, 0};
+};
 
-std::wstring Mark(const ZR_StopInfo& stop) {
-    const wchar_t* wsz = stop.m_strMark;
-    return wsz ? wsz : L"";
-}
-
-ZR_StopInfo Parse(const wchar_t* wszClause, bool bExpected) {
-    ZR_MountInfo info;
-    EXPECT_EQ(info.SetStop(wszClause), bExpected) << "clause: " << testing::PrintToString(std::wstring(wszClause));
-    return info.GetStop();
-}
-
-TEST(StopClause, StopAtWithMillisecondsReadsBackTheSameDate) {
-    ZR_StopInfo stop = Parse(L"STOPAT='2009-05-15 13:19:34.790'", true);
-    EXPECT_EQ(stop.m_eStopType, ZR_STOP_AT_TIME);
-    const ZR_DateParts date = SqlDateTimeToDate(stop.m_dtStopAt);
-    EXPECT_EQ(date.m_iYear, 2009);
-    EXPECT_EQ(date.m_iMonth, 5);
-    EXPECT_EQ(date.m_iDay, 15);
-    EXPECT_EQ(date.m_iHour, 13);
-    EXPECT_EQ(date.m_iMinute, 19);
-    EXPECT_EQ(date.m_iSecond, 34);
-    EXPECT_EQ(date.m_iMillisecond, 790);
-    ExpectSameDateTime(stop.m_dtAfter, ZR_SqlDateTime{0, 0});
-}
-
-TEST(StopClause, KeywordsIgnoreCaseAndBlanksMayStandAroundTheEquals) {
-    ZR_StopInfo stop = Parse(L"  stopat   =  '2009-05-15 13:19:34'  ", true);
-    EXPECT_EQ(stop.m_eStopType, ZR_STOP_AT_TIME);
-    ExpectSameDateTime(stop.m_dtStopAt, DateTime(2009, 5, 15, 13, 19, 34, 0));
-}
-
-TEST(StopClause, LsnKinds) {
-    ZR_StopInfo stop = Parse(L"STOPATMARK='lsn:12:34:5'", true);
-    EXPECT_EQ(stop.m_eStopType, ZR_STOP_AT_LSN);
-    EXPECT_EQ(+stop.m_lsn.SeqNo, 12u);
-    EXPECT_EQ(+stop.m_lsn.blockOffset, 34u);
-    EXPECT_EQ(+stop.m_lsn.slotId, 5u);
-
-    stop = Parse(L"STOPBEFOREMARK='LSN:12:34:5' AFTER '2009-05-15 13:19:34'", true);
-    EXPECT_EQ(stop.m_eStopType, ZR_STOP_BEFORE_LSN_AFTER);
-    EXPECT_EQ(+stop.m_lsn.SeqNo, 12u);
-    ExpectSameDateTime(stop.m_dtAfter, DateTime(2009, 5, 15, 13, 19, 34, 0));
-    ExpectSameDateTime(stop.m_dtStopAt, ZR_SqlDateTime{0, 0});
-
-    stop = Parse(L"StopAtMark = 'LSN:1:2:3' after '2009-05-15 13:19:34.010'", true);
-    EXPECT_EQ(stop.m_eStopType, ZR_STOP_AT_LSN_AFTER);
-    EXPECT_EQ(SqlDateTimeToDate(stop.m_dtAfter).m_iMillisecond, 10);
-
-    // The slot id keeps its low 16 bits.
-    stop = Parse(L"STOPBEFOREMARK='lsn:1:2:65537'", true);
-    EXPECT_EQ(stop.m_eStopType, ZR_STOP_BEFORE_LSN);
-    EXPECT_EQ(+stop.m_lsn.slotId, 1u);
-}
-
-TEST(StopClause, MarkKindsAndDoubledQuotes) {
-    ZR_StopInfo stop = Parse(L"STOPATMARK='it''s done'", true);
-    EXPECT_EQ(stop.m_eStopType, ZR_STOP_AT_MARK);
-    EXPECT_EQ(Mark(stop), L"it's done");
-    EXPECT_EQ(Mark(stop).size(), 9u);
-
-    stop = Parse(L"STOPATMARK='release' AFTER '2010-01-02 03:04:05'", true);
-    EXPECT_EQ(stop.m_eStopType, ZR_STOP_AT_MARK_AFTER);
-    EXPECT_EQ(Mark(stop), L"release");
-    ExpectSameDateTime(stop.m_dtAfter, DateTime(2010, 1, 2, 3, 4, 5, 0));
-
-    stop = Parse(L"STOPBEFOREMARK='tx_1'", true);
-    EXPECT_EQ(stop.m_eStopType, ZR_STOP_BEFORE_MARK);
-    stop = Parse(L"STOPBEFOREMARK='tx_1' AFTER '2010-01-02 03:04:05'", true);
-    EXPECT_EQ(stop.m_eStopType, ZR_STOP_BEFORE_MARK_AFTER);
-}
-
-// The classifier looks for its patterns anywhere in the quoted text.
-TEST(StopClause, TheClassOfAQuotedTextDecidesWhatAClauseTakes) {
-    EXPECT_EQ(Parse(L"STOPATMARK='2009-05-15 13:19:34'", false).m_eStopType, ZR_STOP_UNDEFINED);
-    EXPECT_EQ(Parse(L"STOPATMARK='release 2009-05-15 13:19:34'", false).m_eStopType, ZR_STOP_UNDEFINED);
-    ZR_StopInfo stop = Parse(L"STOPATMARK='xLSN:1:2:3y'", true);
-    EXPECT_EQ(stop.m_eStopType, ZR_STOP_AT_LSN);
-    EXPECT_EQ(+stop.m_lsn.SeqNo, 1u);
-    EXPECT_EQ(+stop.m_lsn.blockOffset, 2u);
-    EXPECT_EQ(+stop.m_lsn.slotId, 3u);
-    // A dash form of the time is a mark, and STOPAT takes only a date.
-    Parse(L"STOPAT='2009-05-15 13-19-34'", false);
-    // A date found behind other characters reads no date from its start.
-    Parse(L"STOPAT='x2009-05-15 13:19:34'", false);
-    // A month outside the calendar names no day.
-    Parse(L"STOPAT='2009-13-15 13:19:34'", false);
-}
-
-TEST(StopClause, FractionsAreReadAsNumbersOfMilliseconds) {
-    EXPECT_EQ(SqlDateTimeToDate(Parse(L"STOPAT='2009-05-15 13:19:34.7'", true).m_dtStopAt).m_iMillisecond, 7);
-    EXPECT_EQ(SqlDateTimeToDate(Parse(L"STOPAT='2009-05-15 13:19:34.7901'", true).m_dtStopAt).m_iMillisecond, 790);
-    ZR_StopInfo stop = Parse(L"STOPAT='2009-05-15 23:59:59.999'", true);
-    ExpectSameDateTime(stop.m_dtStopAt, DateTime(2009, 5, 16, 0, 0, 0, 0));
-    stop = Parse(L"STOPAT='2009-02-30 00:00:00'", true);
-    ExpectSameDateTime(stop.m_dtStopAt, DateTime(2009, 3, 2, 0, 0, 0, 0));
-}
-
-TEST(StopClause, MalformedClausesFailWithKindZero) {
-    const wchar_t* aClauses[] = {
-        L"",
-        L"STOPAT",
-        L"STOPAT=",
-        L"STOPAT=''",
-        L"STOPAT='2009-05-15 13:19:34",
-        L"STOPAT='2009-05-15 13:19:34' STOPAT='2009-05-15 13:19:34'",
-        L"STOPAT\t='2009-05-15 13:19:34'",
-        L"STOPAT '2009-05-15 13:19:34'",
-        L"STOPATMARK='lsn:1:2:3' AFTER='2009-05-15 13:19:34'",
-        L"STOPATMARK='lsn:1:2:3' AFTER 'mark'",
-        L"STOPATMARK='lsn:1:2:3' AFTER",
-        L"STOPAT='2009-05-15 13:19:34' AFTER '2009-05-15 13:19:34'",
-        L"RESTORE='2009-05-15 13:19:34'",
-        L"STOPAT=\"2009-05-15 13:19:34\"",
-        L"=",
+TEST(StopClause, ClausesAndWhatTheyGive) {
+    const StopCase aCases[] = {
+        {.wszClause = L"STOPAT='2009-05-15 13:19:34.790'", .eKind = ZR_STOP_AT_TIME,
+         .dtStopAt = {kAt131934 + 237, kMay15}},
+        // keywords ignore case; blanks may stand round the equals sign
+        {.wszClause = L"  stopat   =  '2009-05-15 13:19:34'  ", .eKind = ZR_STOP_AT_TIME, .dtStopAt = {kAt131934, kMay15}},
+        {.wszClause = L"STOPATMARK='lsn:12:34:5'", .eKind = ZR_STOP_AT_LSN, .lsn = {12, 34, 5}},
+        {.wszClause = L"STOPBEFOREMARK='LSN:12:34:5' AFTER '2009-05-15 13:19:34'", .eKind = ZR_STOP_BEFORE_LSN_AFTER,
+         .lsn = {12, 34, 5}, .dtAfter = {kAt131934, kMay15}},
+        {.wszClause = L"StopAtMark = 'LSN:1:2:3' after '2009-05-15 13:19:34.010'", .eKind = ZR_STOP_AT_LSN_AFTER,
+         .lsn = {1, 2, 3}, .dtAfter = {kAt131934 + 3, kMay15}},
+        // the slot id keeps its low 16 bits
+        {.wszClause = L"STOPBEFOREMARK='lsn:1:2:65537'", .eKind = ZR_STOP_BEFORE_LSN, .lsn = {1, 2, 1}},
+        {.wszClause = L"STOPATMARK='it''s done'", .eKind = ZR_STOP_AT_MARK, .wszMark = L"it's done"},
+        {.wszClause = L"STOPATMARK='release' AFTER '2010-01-02 03:04:05'", .eKind = ZR_STOP_AT_MARK_AFTER,
+         .wszMark = L"release", .dtAfter = {3313500, 40178}},
+        {.wszClause = L"STOPBEFOREMARK='tx_1'", .eKind = ZR_STOP_BEFORE_MARK, .wszMark = L"tx_1"},
+        {.wszClause = L"STOPBEFOREMARK='tx_1' AFTER '2010-01-02 03:04:05'", .eKind = ZR_STOP_BEFORE_MARK_AFTER,
+         .wszMark = L"tx_1", .dtAfter = {3313500, 40178}},
+        // the class of a quoted text, found anywhere in it, decides what a
+        // clause takes: a date is no mark, and STOPAT takes only a date
+        {.wszClause = L"STOPATMARK='2009-05-15 13:19:34'"},
+        {.wszClause = L"STOPATMARK='release 2009-05-15 13:19:34'"},
+        {.wszClause = L"STOPATMARK='xLSN:1:2:3y'", .eKind = ZR_STOP_AT_LSN, .lsn = {1, 2, 3}},
+        {.wszClause = L"STOPAT='2009-05-15 13-19-34'"},
+        // a date behind other characters, or a month outside the calendar
+        {.wszClause = L"STOPAT='x2009-05-15 13:19:34'"},
+        {.wszClause = L"STOPAT='2009-13-15 13:19:34'"},
+        // fractions are numbers of milliseconds: .7 is 7 ms (2 ticks), and
+        // digits after the third are dropped
+        {.wszClause = L"STOPAT='2009-05-15 13:19:34.7'", .eKind = ZR_STOP_AT_TIME, .dtStopAt = {kAt131934 + 2, kMay15}},
+        {.wszClause = L"STOPAT='2009-05-15 13:19:34.7901'", .eKind = ZR_STOP_AT_TIME,
+         .dtStopAt = {kAt131934 + 237, kMay15}},
+        // a whole day of ticks is the next day; a day past the month adds up
+        {.wszClause = L"STOPAT='2009-05-15 23:59:59.999'", .eKind = ZR_STOP_AT_TIME, .dtStopAt = {0, kMay15 + 1}},
+        {.wszClause = L"STOPAT='2009-02-30 00:00:00'", .eKind = ZR_STOP_AT_TIME, .dtStopAt = {0, 39872}},
+        // malformed
+        {.wszClause = L""},
+        {.wszClause = L"STOPAT"},
+        {.wszClause = L"STOPAT="},
+        {.wszClause = L"STOPAT=''"},
+        {.wszClause = L"STOPAT='2009-05-15 13:19:34"},
+        {.wszClause = L"STOPAT='2009-05-15 13:19:34' STOPAT='2009-05-15 13:19:34'"},
+        {.wszClause = L"STOPAT\t='2009-05-15 13:19:34'"},
+        {.wszClause = L"STOPAT '2009-05-15 13:19:34'"},
+        {.wszClause = L"STOPATMARK='lsn:1:2:3' AFTER='2009-05-15 13:19:34'"},
+        {.wszClause = L"STOPATMARK='lsn:1:2:3' AFTER 'mark'"},
+        {.wszClause = L"STOPATMARK='lsn:1:2:3' AFTER"},
+        {.wszClause = L"STOPAT='2009-05-15 13:19:34' AFTER '2009-05-15 13:19:34'"},
+        {.wszClause = L"RESTORE='2009-05-15 13:19:34'"},
+        {.wszClause = L"STOPAT=\"2009-05-15 13:19:34\""},
+        {.wszClause = L"="},
     };
-    for (const wchar_t* wszClause : aClauses) Parse(wszClause, false);
+    for (const StopCase& c : aCases) {
+        SCOPED_TRACE(testing::PrintToString(std::wstring(c.wszClause)));
+        ZR_MountInfo info;
+        EXPECT_EQ(info.SetStop(c.wszClause), c.eKind != ZR_STOP_UNDEFINED);
+        const ZR_StopInfo stop = info.GetStop();
+        EXPECT_EQ(stop.m_eStopType, c.eKind);
+        EXPECT_EQ(+stop.m_lsn.SeqNo, c.lsn.SeqNo);
+        EXPECT_EQ(+stop.m_lsn.blockOffset, c.lsn.blockOffset);
+        EXPECT_EQ(+stop.m_lsn.slotId, c.lsn.slotId);
+        EXPECT_STREQ(stop.m_strMark.IsEmpty() ? L"" : stop.m_strMark.GetString(), c.wszMark);
+        EXPECT_EQ(+stop.m_dtStopAt.m_iTicks, c.dtStopAt.m_iTicks);
+        EXPECT_EQ(+stop.m_dtStopAt.m_iDays, c.dtStopAt.m_iDays);
+        EXPECT_EQ(+stop.m_dtAfter.m_iTicks, c.dtAfter.m_iTicks);
+        EXPECT_EQ(+stop.m_dtAfter.m_iDays, c.dtAfter.m_iDays);
+    }
 }
 
 // After a failure only the kind changes; what a good clause left stays.
@@ -146,10 +101,11 @@ TEST(StopClause, AFailureKeepsTheOtherMembers) {
     const ZR_StopInfo stop = info.GetStop();
     EXPECT_EQ(stop.m_eStopType, ZR_STOP_UNDEFINED);
     EXPECT_EQ(+stop.m_lsn.SeqNo, 7u);
-    EXPECT_EQ(Mark(stop), L"first");
+    EXPECT_STREQ(stop.m_strMark.GetString(), L"first");
 }
 
-TEST(StopClause, DateTextForms) {
+// The date reader takes the dash forms too, which no clause hands it.
+TEST(StopClause, DateAndLsnTexts) {
     ZR_DateParts date{};
     ASSERT_TRUE(ParseDateText(L"2009-05-15 13-19-34", &date));
     EXPECT_EQ(date.m_iMinute, 19);

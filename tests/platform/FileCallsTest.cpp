@@ -155,10 +155,14 @@ TEST(Uuid, TextRoundTripAndSequentialOrder) {
     ASSERT_EQ(UuidFromStringW(text, &id), RPC_S_OK);
     EXPECT_EQ(id.Data1, 0x6F9619FFu);
     EXPECT_EQ(id.Data4[7], 0xFF);
-    RPC_WSTR back = nullptr;
-    ASSERT_EQ(UuidToStringW(&id, &back), RPC_S_OK);
-    EXPECT_STREQ(back, L"6f9619ff-8b86-d011-b42d-00c04fc964ff");
-    RpcStringFreeW(&back);
+    auto textOf = [](UUID* pId) {
+        RPC_WSTR back = nullptr;
+        EXPECT_EQ(UuidToStringW(pId, &back), RPC_S_OK);
+        std::wstring str = back;
+        RpcStringFreeW(&back);
+        return str;
+    };
+    EXPECT_EQ(textOf(&id), L"6f9619ff-8b86-d011-b42d-00c04fc964ff");
     for (const wchar_t* bad : {L"6F9619FF-8B86-D011-B42D-00C04FC964F", L"{6F9619FF-8B86-D011-B42D-00C04FC964FF}",
                                L"6F9619FF-8B86-D011-B42D+00C04FC964FF", L"6F9619FG-8B86-D011-B42D-00C04FC964FF"})
         EXPECT_EQ(UuidFromStringW(const_cast<wchar_t*>(bad), &id), RPC_S_INVALID_STRING_UUID);
@@ -167,11 +171,8 @@ TEST(Uuid, TextRoundTripAndSequentialOrder) {
 
     std::wstring previous;
     for (int i = 0; i < 1000; ++i) {
-        UUID next;
-        ASSERT_EQ(UuidCreateSequential(&next), RPC_S_OK);
-        UuidToStringW(&next, &back);
-        std::wstring current = back;
-        RpcStringFreeW(&back);
+        ASSERT_EQ(UuidCreateSequential(&id), RPC_S_OK);
+        const std::wstring current = textOf(&id);
         EXPECT_LT(previous, current);
         previous = current;
     }

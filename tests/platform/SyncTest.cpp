@@ -33,49 +33,69 @@ TEST(Sync, WaitHonoursTimeoutAndResetModes) {
 }
 
 struct Shared {
-    HANDLE event;
-    HANDLE mutex;
-    std::atomic<int> woken{0};
+    HANDLE handle;  // the event, mutex or port the threads use
+    std::atomic<int> done{0};
 };
 
-DWORD WaitOnce(LPVOID p) {
-    auto* shared = static_cast<Shared*>(p);
-    if (WaitForSingleObject(shared->event, 2000) == WAIT_OBJECT_0)
-        ++shared->woken;
-    return 7;
-}
-
-TEST(Sync, AutoResetEventReleasesOneWaiterAndThreadsSignalAtEnd) {
-    Shared shared{CreateEventW(nullptr, FALSE, FALSE, nullptr), nullptr};
-    HANDLE threads[3];
-    for (HANDLE& t : threads)
-        t = CreateThread(nullptr, 0, WaitOnce, &shared, 0, nullptr);
-    Sleep(50);
-    SetEvent(shared.event);
-    Sleep(100);
-    EXPECT_EQ(shared.woken.load(), 1);
-    SetEvent(shared.event);
-    SetEvent(shared.event);  // no waiter in between may lose this; the third comes with the next
-    Sleep(50);
-    SetEvent(shared.event);
-    EXPECT_EQ(WaitForMultipleObjects(3, threads, TRUE, 3000), WAIT_OBJECT_0);
-    EXPECT_EQ(shared.woken.load(), 3);
+// Each thread waits once, with a time limit, and counts a success.
+void RunWaiters(Shared* pShared, LPTHREAD_START_ROUTINE pfn, int cThreads, void (*post)(HANDLE)) {
+    std::vector<HANDLE> threads;
+    for (int i = 0; i < cThreads; ++i)
+        threads.push_back(CreateThread(nullptr, 0, pfn, pShared, 0, nullptr));
+    post(pShared->handle);
+    EXPECT_EQ(WaitForMultipleObjects(DWORD(threads.size()), threads.data(), TRUE, 3000), WAIT_OBJECT_0)
+        << "a thread's handle is signalled when it ends";
     DWORD code = 0;
     EXPECT_TRUE(GetExitCodeThread(threads[0], &code));
     EXPECT_EQ(code, 7u);
     for (HANDLE t : threads)
         CloseHandle(t);
-    CloseHandle(shared.event);
 }
 
-DWORD TryMutex(LPVOID p) { return WaitForSingleObject(static_cast<Shared*>(p)->mutex, 0); }
+// A signal that comes before the waiters wait is kept for one of them.
+TEST(Sync, AutoResetEventReleasesOneWaiter) {
+    Shared shared{CreateEventW(nullptr, FALSE, FALSE, nullptr)};
+    RunWaiters(
+        &shared,
+        [](LPVOID p) -> DWORD {
+            auto* s = static_cast<Shared*>(p);
+            if (WaitForSingleObject(s->handle, 300) == WAIT_OBJECT_0) ++s->done;
+            return 7;
+        },
+        3, [](HANDLE h) { SetEvent(h); });
+    EXPECT_EQ(shared.done.load(), 1);
+    CloseHandle(shared.handle);
+}
+
+// Packets posted before the waiters wait are queued; each wakes one.
+TEST(CompletionPort, PostWakesExactlyOneWaiter) {
+    Shared shared{CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 0)};
+    RunWaiters(
+        &shared,
+        [](LPVOID p) -> DWORD {
+            auto* s = static_cast<Shared*>(p);
+            DWORD bytes;
+            ULONG_PTR key;
+            OVERLAPPED* ov;
+            if (GetQueuedCompletionStatus(s->handle, &bytes, &key, &ov, 300)) ++s->done;
+            return 7;
+        },
+        4, [](HANDLE h) {
+            PostQueuedCompletionStatus(h, 1, 1, nullptr);
+            PostQueuedCompletionStatus(h, 1, 1, nullptr);
+        });
+    EXPECT_EQ(shared.done.load(), 2);
+    CloseHandle(shared.handle);
+}
 
 TEST(Sync, MutexIsRecursiveAndOwned) {
-    Shared shared{nullptr, CreateMutexW(nullptr, FALSE, nullptr)};
-    EXPECT_EQ(WaitForSingleObject(shared.mutex, 0), WAIT_OBJECT_0);
-    EXPECT_EQ(WaitForSingleObject(shared.mutex, 0), WAIT_OBJECT_0) << "recursive";
+    HANDLE mutex = CreateMutexW(nullptr, FALSE, nullptr);
+    EXPECT_EQ(WaitForSingleObject(mutex, 0), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(mutex, 0), WAIT_OBJECT_0) << "recursive";
     DWORD threadId = 0;
-    HANDLE other = CreateThread(nullptr, 0, TryMutex, &shared, CREATE_SUSPENDED, &threadId);
+    HANDLE other = CreateThread(
+        nullptr, 0, [](LPVOID p) -> DWORD { return WaitForSingleObject(static_cast<HANDLE>(p), 0); }, mutex,
+        CREATE_SUSPENDED, &threadId);
     EXPECT_NE(threadId, GetCurrentThreadId());
     DWORD code = 0;
     GetExitCodeThread(other, &code);
@@ -84,12 +104,12 @@ TEST(Sync, MutexIsRecursiveAndOwned) {
     WaitForSingleObject(other, INFINITE);
     GetExitCodeThread(other, &code);
     EXPECT_EQ(code, WAIT_TIMEOUT) << "owned by this thread";
-    EXPECT_TRUE(ReleaseMutex(shared.mutex));
-    EXPECT_TRUE(ReleaseMutex(shared.mutex));
-    EXPECT_FALSE(ReleaseMutex(shared.mutex));
+    EXPECT_TRUE(ReleaseMutex(mutex));
+    EXPECT_TRUE(ReleaseMutex(mutex));
+    EXPECT_FALSE(ReleaseMutex(mutex));
     EXPECT_EQ(GetLastError(), ERROR_NOT_OWNER);
     CloseHandle(other);
-    CloseHandle(shared.mutex);
+    CloseHandle(mutex);
 }
 
 TEST(CompletionPort, FifoTimeoutAndFailedPackets) {
@@ -98,52 +118,19 @@ TEST(CompletionPort, FifoTimeoutAndFailedPackets) {
     OVERLAPPED ov[3]{};
     for (int i = 0; i < 3; ++i)
         PostQueuedCompletionStatus(port, 10 + i, 100 + i, &ov[i]);
+    DWORD bytes = 0;
+    ULONG_PTR key = 0;
+    OVERLAPPED* got = nullptr;
     for (int i = 0; i < 3; ++i) {
-        DWORD bytes = 0;
-        ULONG_PTR key = 0;
-        OVERLAPPED* got = nullptr;
         EXPECT_TRUE(GetQueuedCompletionStatus(port, &bytes, &key, &got, 0));
         EXPECT_EQ(got, &ov[i]);
         EXPECT_EQ(key, 100u + i);
         EXPECT_EQ(bytes, 10u + i);
     }
-    DWORD bytes = 0;
-    ULONG_PTR key = 0;
-    OVERLAPPED* got = &ov[0];
     EXPECT_FALSE(GetQueuedCompletionStatus(port, &bytes, &key, &got, 20));
     EXPECT_EQ(GetLastError(), WAIT_TIMEOUT);
     EXPECT_EQ(got, nullptr);
     CloseHandle(port);
-}
-
-struct PortShared {
-    HANDLE port;
-    std::atomic<int> taken{0};
-};
-
-DWORD TakeOne(LPVOID p) {
-    auto* shared = static_cast<PortShared*>(p);
-    DWORD bytes;
-    ULONG_PTR key;
-    OVERLAPPED* ov;
-    if (GetQueuedCompletionStatus(shared->port, &bytes, &key, &ov, 300))
-        ++shared->taken;
-    return 0;
-}
-
-TEST(CompletionPort, PostWakesExactlyOneWaiter) {
-    PortShared shared{CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 0)};
-    HANDLE threads[4];
-    for (HANDLE& t : threads)
-        t = CreateThread(nullptr, 0, TakeOne, &shared, 0, nullptr);
-    Sleep(30);
-    PostQueuedCompletionStatus(shared.port, 1, 1, nullptr);
-    PostQueuedCompletionStatus(shared.port, 1, 1, nullptr);
-    EXPECT_EQ(WaitForMultipleObjects(4, threads, TRUE, 3000), WAIT_OBJECT_0);
-    EXPECT_EQ(shared.taken.load(), 2);
-    for (HANDLE t : threads)
-        CloseHandle(t);
-    CloseHandle(shared.port);
 }
 
 }  // namespace

@@ -39,6 +39,7 @@ std::vector<ManifestEntry> ReadManifest() {
         e.type = c[12].empty() ? 0 : c[12][0];
         e.database = c[13];
         e.server = c[14];
+        e.date = c[15];
         std::sscanf(c[16].c_str(), "%d/%d", &e.stripe, &e.stripes);
         e.mediaset = c[17];
         e.sets = std::atoi(c[18].c_str());

@@ -15,6 +15,7 @@ struct ManifestEntry {
     char type = 0;           // D, I or L
     std::string database;
     std::string server;
+    std::string date;        // the media date, "2018-12-21 11:26:31"
     int stripe = 0;          // this file's place in its stripe set, from 1
     int stripes = 0;         // files in the stripe set
     std::string mediaset;    // files of one stripe set share it

@@ -32,11 +32,11 @@ struct SyntheticDamage {
     int stripe = 0;
     // Index, in the order of writing, of a block of that stripe whose header
     // checksum is made wrong (0 is the TAPE block).
-    std::optional<std::size_t> badChecksumBlock;
+    std::optional<std::size_t> badChecksumBlock{};
     // The last soft filemark block of the file gets a wrong header checksum.
     bool badLastFilemark = false;
     // The file is cut to this many bytes.
-    std::optional<std::uint64_t> truncateAt;
+    std::optional<std::uint64_t> truncateAt{};
 };
 
 struct SyntheticOptions {
@@ -59,8 +59,8 @@ struct SyntheticOptions {
     std::uint32_t mediaFamilyId = 0x5EED0001;
     // A differential holds the extents for which this is true; empty means
     // the first extent of each file and every third one after it.
-    std::function<bool(std::uint16_t fileId, std::uint32_t extent)> differentialExtents;
-    SyntheticDamage damage;
+    std::function<bool(std::uint16_t fileId, std::uint32_t extent)> differentialExtents{};
+    SyntheticDamage damage{};
 };
 
 struct WrittenBlock {
