@@ -14,7 +14,7 @@
 #include "mount/ZR_MountSteps.h"
 
 ZR* ZR::g_pZR = nullptr;
-int ZR::g_iNumCPUs = 0;
+int ZR::g_iNumCPUs = 1;
 wchar_t ZR::g_wszSparseFilesFolder[MAX_PATH] = {};
 wchar_t (&ZR::g_wszMapFilesFolder)[MAX_PATH] = ::g_wszMapFilesFolder;
 
@@ -221,6 +221,9 @@ void ZR::Remove(const wchar_t* wszKey) {
     Lock();
     if (ZR_Database* pDB = FindDatabase(wszKey)) {
         g_DBs.Remove(g_DBs.IndexOf(pDB), false);
+        // The live reads still queued are served before the backups close
+        // under them; the destructor finds live I/O stopped.
+        pDB->StopLiveIORead();
         for (int iFileId = pDB->GetNumDataFileSlots() - 1; iFileId >= 1; --iFileId)
             pDB->RemoveDataFile(static_cast<uint16_t>(iFileId));
         pDB->CloseBackups();
