@@ -16,13 +16,22 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <new>
 
 #include "filterdriver/ZR_HostStatus.h"
+
+// A read's buffer is page-aligned, as a driver maps one: the library reads
+// backups straight into it, unbuffered, which needs aligned memory.
+struct ZR_PageAlignedDelete {
+    static constexpr std::align_val_t kAlignment{4096};
+    void operator()(uint8_t* p) const { ::operator delete[](p, kAlignment); }
+};
 
 struct ZR_HeldRead {
     uint64_t iOpId = 0;
     uint64_t iBufferKey = 0;
-    std::unique_ptr<uint8_t[]> pBuffer;  // zeroed: pages no backup holds come back as zeros
+    // Zeroed: pages no backup holds come back as zeros.
+    std::unique_ptr<uint8_t[], ZR_PageAlignedDelete> pBuffer;
     uint32_t cbBuffer = 0;
     // Under the table's lock:
     bool bEnded = false;      // completed, or failed by the driver
