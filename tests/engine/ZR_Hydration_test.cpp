@@ -16,6 +16,7 @@
 #include "platform/FileCallsTesting.h"
 #include "support/ErrorText.h"
 #include "support/ServedChain.h"
+#include "support/SyntheticBackup.h"
 #include "zirlane/zirlane.h"
 
 namespace fs = std::filesystem;
@@ -143,5 +144,249 @@ INSTANTIATE_TEST_SUITE_P(
         Chain{"Version9TwoDataSets", {"gabrujo-WebDevelopment/StDb2EFRP/StDb2Sql.bak"}},
         Chain{"PasswordMedia", {"appveyor-lab/backuppassword/passwd.bak"}}),
     [](const testing::TestParamInfo<Chain>& p) { return std::string(p.param.name); });
+
+// ---------------------------------------------------------------------------
+// Control of a running hydration, on a synthetic backup whose reads are
+// slowed down so that a hydration lasts long enough to be met half-way.
+// ---------------------------------------------------------------------------
+
+const wchar_t kOtherGuid[] = L"0c0ffee0-1234-4abc-9def-00112233aabc";
+
+std::atomic<DWORD> g_iReadDelayMs{0};
+decltype(&::ReadFile) g_pNextReadFile = nullptr;
+
+BOOL SlowReadFile(HANDLE h, LPVOID p, DWORD n, LPDWORD pn, LPOVERLAPPED o) {
+    Sleep(g_iReadDelayMs);
+    return g_pNextReadFile(h, p, n, pn, o);
+}
+
+// Every read through the file calls takes iMs longer, until the object
+// goes; make it before anything that reads and let it go after.
+class SlowReads {
+public:
+    void Start(DWORD iMs) {
+        g_iReadDelayMs = iMs;
+        g_pNextReadFile = zr::platform::testing::ReplaceFileCall(&FileCalls::ReadFile, &SlowReadFile);
+    }
+
+private:
+    zr::platform::testing::ScopedFileCalls m_restore;
+};
+
+// A full backup of two data files of iPages and iPages / 2 pages.
+ChainFiles SyntheticChain(const fs::path& folder, std::uint32_t iPages) {
+    SyntheticOptions o;
+    o.filePages = {iPages, iPages / 2};
+    SyntheticBackup backup(o);
+    ChainFiles files;
+    if (backup.Write(folder / "synthetic.bak")) files.full.push_back(folder / "synthetic.bak");
+    return files;
+}
+
+template <class Condition>
+bool WaitFor(Condition bCondition, std::chrono::milliseconds limit = 20s) {
+    for (auto end = std::chrono::steady_clock::now() + limit; !bCondition();)
+        if (std::chrono::steady_clock::now() > end) return false;
+        else std::this_thread::sleep_for(2ms);
+    return true;
+}
+
+ZR_Database& Database(const ServedChain& chain) { return *ZR::FindDatabase(chain.Key()); }
+
+class HydrationControl : public testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_FALSE(SyntheticChain(m_library.Folder(), 1024).full.empty());
+    }
+    ChainFiles Files() { return SyntheticChain(m_library.Folder(), 1024); }
+
+    SlowReads m_slow;
+    ServedLibrary m_library;
+};
+
+// Paused in the middle, no page is pushed for longer than a paused thread
+// sleeps, while reads still get correct pages; resumed, it ends complete.
+TEST_F(HydrationControl, PauseHoldsTheDriverStillWhileReadsGoOn) {
+    ServedChain chain(m_library, Files(), kGuid);
+    ASSERT_TRUE(chain.Ready()) << chain.Error();
+    m_slow.Start(50);
+    std::thread hydration([&] { StartDataHydration(chain.Key(), nullptr, 0); });
+    ZR_Database& db = Database(chain);
+    ASSERT_TRUE(WaitFor([&] { return db.m_TotalHydratedByDataPasses > 0; }));
+    EXPECT_TRUE(PauseHydration(chain.Key()));
+    EXPECT_TRUE(IsHydrationPaused(chain.Key()));
+    EXPECT_FALSE(IsHydrating(chain.Key()));
+    std::this_thread::sleep_for(300ms);  // the chunk in hand
+    const uint64_t iPresent = chain.PresentBytes(), iPushed = db.m_TotalHydratedByDataPasses;
+    std::this_thread::sleep_for(1200ms);
+    EXPECT_EQ(chain.PresentBytes(), iPresent);
+    std::mt19937 rng(5);
+    for (int i = 0; i < 10; ++i) {
+        std::string strWhy;
+        EXPECT_TRUE(chain.CheckRandomRead(rng, &strWhy)) << strWhy;
+    }
+    EXPECT_EQ(db.m_TotalHydratedByDataPasses, iPushed);
+    EXPECT_LT(iPresent, db.m_iTotalBytesToHydrate);
+    EXPECT_TRUE(ResumeHydration(chain.Key()));
+    EXPECT_TRUE(IsHydrating(chain.Key()));
+    hydration.join();
+    EXPECT_TRUE(DatabaseHydrationDone(chain.Key(), nullptr));
+    EXPECT_EQ(chain.CompareSparseFiles(), "");
+}
+
+// With one active hydration at most, the mount with the larger order key
+// pushes nothing until the first has ended, then goes on to its end.
+TEST_F(HydrationControl, ASecondHydrationWaitsForTheFirstWhenOneMayRun) {
+    ServedChain first(m_library, Files(), kGuid), second(m_library, Files(), kOtherGuid);
+    ASSERT_TRUE(first.Ready() && second.Ready()) << first.Error() << second.Error();
+    SetMaxActiveHydrations(1);
+    m_slow.Start(20);
+    std::atomic<bool> bFirstEnded{false};
+    std::thread a([&] {
+        StartDataHydration(first.Key(), nullptr, 10);
+        bFirstEnded = true;
+    });
+    ASSERT_TRUE(WaitFor([&] { return Database(first).m_TotalHydratedByDataPasses > 0; }));
+    std::thread b([&] { StartDataHydration(second.Key(), nullptr, 20); });
+    ASSERT_TRUE(WaitFor([&] { return IsHydrating(second.Key()); }));
+    ZR_Database& db = Database(second);
+    while (!bFirstEnded) {
+        ASSERT_EQ(db.m_DataDrivenHydrationPasses, 0);
+        std::this_thread::sleep_for(1ms);
+    }
+    b.join();
+    a.join();
+    SetMaxActiveHydrations(1000);
+    EXPECT_TRUE(DatabaseHydrationDone(second.Key(), nullptr));
+    EXPECT_EQ(first.CompareSparseFiles(), "");
+    EXPECT_EQ(second.CompareSparseFiles(), "");
+}
+
+size_t ThreadCount() {
+    return static_cast<size_t>(std::distance(fs::directory_iterator("/proc/self/task"), fs::directory_iterator()));
+}
+
+// Remove in the middle ends the hydration within seconds; every thread the
+// mount started is gone and every handle it opened is closed.
+TEST_F(HydrationControl, RemoveEndsAHydrationInTheMiddle) {
+    const size_t iThreads = ThreadCount(), iHandles = zr::platform::testing::OpenHandleCount();
+    {
+        ServedChain chain(m_library, Files(), kGuid);
+        ASSERT_TRUE(chain.Ready()) << chain.Error();
+        m_slow.Start(50);
+        std::thread hydration([&] { StartDataHydration(chain.Key(), nullptr, 0); });
+        ASSERT_TRUE(WaitFor([&] { return Database(chain).m_TotalHydratedByDataPasses > 0; }));
+        const auto start = std::chrono::steady_clock::now();
+        Remove(chain.Key());
+        hydration.join();
+        EXPECT_LT(std::chrono::steady_clock::now() - start, 3s);
+        EXPECT_EQ(ZR::FindDatabase(chain.Key()), nullptr);
+    }
+    // A thread that has signalled its end may take a moment to leave.
+    EXPECT_TRUE(WaitFor([&] { return ThreadCount() == iThreads; }, 1s)) << ThreadCount() << " threads, not " << iThreads;
+    EXPECT_EQ(zr::platform::testing::OpenHandleCount(), iHandles);
+}
+
+// A bitmap that fails its check stops hydration: the mount reads as done,
+// its database as gone, and the marker keeps its name.
+TEST_F(HydrationControl, ACorruptedBitmapStopsHydration) {
+    {
+        // Two stores of each bitmap, so that both of its slots hold one: a
+        // flush, then the last close.
+        ServedChain chain(m_library, Files(), kGuid);
+        ASSERT_TRUE(chain.Ready()) << chain.Error();
+        for (const ServedChain::DataFile& file : chain.DataFiles()) {
+            ASSERT_EQ(chain.Host().Flush(file.hFile), kHostSuccess);
+            uint8_t aPage[8192];
+            uint32_t cbRead = 0;
+            ASSERT_EQ(chain.Host().Read(file.hFile, 8 * sizeof aPage, aPage, sizeof aPage, &cbRead), kHostSuccess);
+        }
+    }
+    int iCorrupted = 0;
+    for (const auto& entry : fs::directory_iterator(m_library.Sparse())) {
+        if (entry.path().extension() != ".bitmap") continue;
+        std::fstream f(entry.path(), std::ios::in | std::ios::out | std::ios::binary);
+        for (std::streamoff iSlot = 0; iSlot < static_cast<std::streamoff>(entry.file_size()); iSlot += 4096) {
+            f.seekp(iSlot + 40);
+            f.put('\x5A');
+        }
+        ++iCorrupted;
+    }
+    ASSERT_EQ(iCorrupted, 2);
+    ServedChain chain(m_library, Files(), kGuid);
+    ASSERT_TRUE(chain.Ready()) << chain.Error();
+    const fs::path marker = m_library.Folder() / "marker";
+    std::ofstream(marker) << "hydrating";
+    StartDataHydration(chain.Key(), marker.wstring().c_str(), 0);
+    bool bDeleted = false;
+    EXPECT_TRUE(DatabaseHydrationDone(chain.Key(), &bDeleted));
+    EXPECT_TRUE(bDeleted);
+    EXPECT_TRUE(fs::exists(marker));
+    EXPECT_EQ(Database(chain).m_TotalHydratedByDataPasses, 0u);
+}
+
+// ---------------------------------------------------------------------------
+// A process killed in the middle of a hydration: the test binary runs the
+// child test in a process of its own, kills it half-way, and hydrates the
+// same sparse folder again.
+// ---------------------------------------------------------------------------
+
+constexpr char kChildFolder[] = "ZR_HYDRATION_CHILD_FOLDER";
+constexpr std::uint32_t kKilledPages = 4096;
+
+// Hydrates slowly, writing its progress in hundredths of a percent to the
+// file "progress" of the folder, until it is killed.
+TEST(HydrationKilled, Child) {
+    const char* szFolder = std::getenv(kChildFolder);
+    if (!szFolder) GTEST_SKIP() << "runs only as the child of KilledHalfWayTheNextProcessFinishes";
+    SlowReads slow;
+    ServedLibrary library(szFolder);
+    ServedChain chain(library, ChainFiles{{fs::path(szFolder) / "synthetic.bak"}}, kGuid);
+    ASSERT_TRUE(chain.Ready()) << chain.Error();
+    slow.Start(100);
+    std::thread progress([&] {
+        for (;;) {
+            long long iDone = 0, iTotal = 0;
+            GetPercentComplete(chain.Key(), &iDone, &iTotal);
+            std::ofstream(fs::path(szFolder) / "progress.tmp") << (iTotal ? iDone * 10000 / iTotal : 0);
+            fs::rename(fs::path(szFolder) / "progress.tmp", fs::path(szFolder) / "progress");
+            std::this_thread::sleep_for(20ms);
+        }
+    });
+    StartDataHydration(chain.Key(), nullptr, 0);
+    FAIL() << "the hydration ended before the child was killed";
+}
+
+int Progress(const fs::path& folder) {
+    int iProgress = 0;
+    std::ifstream(folder / "progress") >> iProgress;
+    return iProgress;
+}
+
+TEST(HydrationKilled, KilledHalfWayTheNextProcessFinishes) {
+    TempDir tmp;
+    ASSERT_FALSE(SyntheticChain(tmp.path(), kKilledPages).full.empty());
+    const std::string strChild = std::string(kChildFolder) + "=" + tmp.path().string() + " " +
+                                 fs::read_symlink("/proc/self/exe").string() +
+                                 " --gtest_filter=HydrationKilled.Child > " + (tmp / "child.log").string() + " 2>&1";
+    ASSERT_EQ(std::system((strChild + " & echo $! > " + (tmp / "pid").string()).c_str()), 0);
+    std::string strPid;
+    std::ifstream(tmp / "pid") >> strPid;
+    const bool bHalfWay = WaitFor([&] { return Progress(tmp.path()) >= 4000; }, 30s);
+    std::system(("kill -9 " + strPid + "; while kill -0 " + strPid + " 2>/dev/null; do sleep 0.01; done").c_str());
+    ASSERT_TRUE(bHalfWay) << std::ifstream(tmp / "child.log").rdbuf();
+    ASSERT_LT(Progress(tmp.path()), 10000);
+
+    ServedLibrary library(tmp.path());
+    ServedChain chain(library, ChainFiles{{tmp / "synthetic.bak"}}, kGuid);
+    ASSERT_TRUE(chain.Ready()) << chain.Error();
+    const uint64_t iFound = chain.PresentBytes();
+    StartDataHydration(chain.Key(), nullptr, 0);
+    ZR_Database& db = Database(chain);
+    EXPECT_TRUE(db.IsHydrationDone());
+    EXPECT_GT(iFound, db.m_iTotalBytesToHydrate / 4) << "the pages that the killed process wrote";
+    EXPECT_LE(db.m_TotalHydratedByDataPasses, db.m_iTotalBytesToHydrate - iFound);
+    EXPECT_EQ(chain.CompareSparseFiles(), "");
+}
 
 }  // namespace

@@ -77,6 +77,7 @@ ServedLibrary::ServedLibrary(const fs::path& folder, std::uint32_t iBitmapStoreM
     options.iBitmapStoreMs = iBitmapStoreMs;
     options.iLibraryTimeoutMs = kLibraryTimeoutMs;
     ZR_FilterDriver::Start(options);
+    OpenControlCommunicationPort();  // kept for good, as the library object keeps it
     InitializeIOOperations(m_folder.wstring().c_str());
 }
 

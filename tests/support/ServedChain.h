@@ -39,10 +39,10 @@ private:
 };
 
 struct ChainFiles {
-    std::vector<std::filesystem::path> full;  // stripes, in any order
-    std::vector<std::filesystem::path> diff;
-    std::vector<std::filesystem::path> logs;  // one file each
-    std::wstring stop;                        // a stop clause, or empty
+    std::vector<std::filesystem::path> full;       // stripes, in any order
+    std::vector<std::filesystem::path> diff = {};
+    std::vector<std::filesystem::path> logs = {};  // one file each
+    std::wstring stop = {};                        // a stop clause, or empty
 };
 
 // The files of a chain of the test data, by their paths below it; empty
