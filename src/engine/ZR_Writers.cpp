@@ -51,8 +51,8 @@ ZR_Writers::ZR_Writers(ZR_Database& db, const ZR_HydrationSizing& sizing)
 }
 
 ZR_Writers::~ZR_Writers() {
+    ReleaseQueues();
     for (Queue& queue : m_aQueues) {
-        for (Entry& entry : queue.aEntries) GiveBack(entry);
         DeleteCriticalSection(&queue.cs);
         if (queue.hEvent) CloseHandle(queue.hEvent);
         if (queue.hThread) CloseHandle(queue.hThread);
@@ -201,12 +201,23 @@ void ZR_Writers::WaitForEmptyWriterQueues(int iThread) {
     if (g_iTraceMode) TraceLine("writer queues all empty now\n");
 }
 
-int ZR_Writers::QueuedBlocks(int iWriter) {
-    Queue& queue = m_aQueues[size_t(iWriter)];
-    EnterCriticalSection(&queue.cs);
-    const int iCount = static_cast<int>(queue.aEntries.size());
-    LeaveCriticalSection(&queue.cs);
+int ZR_Writers::UnfinishedBlocks() {
+    int iCount = 0;
+    for (Queue& queue : m_aQueues) {
+        EnterCriticalSection(&queue.cs);
+        for (const Entry& entry : queue.aEntries) iCount += entry.eState != ENTRY_FINISHED;
+        LeaveCriticalSection(&queue.cs);
+    }
     return iCount;
+}
+
+void ZR_Writers::ReleaseQueues() {
+    for (Queue& queue : m_aQueues) {
+        EnterCriticalSection(&queue.cs);
+        for (Entry& entry : queue.aEntries) GiveBack(entry);
+        queue.aEntries.clear();
+        LeaveCriticalSection(&queue.cs);
+    }
 }
 
 // ---------------------------------------------------------------------------

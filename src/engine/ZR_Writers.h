@@ -80,8 +80,11 @@ public:
 
     const ZR_HydrationSizing& Sizing() const { return m_Sizing; }
     int NumWriters() const { return static_cast<int>(m_aQueues.size()); }
-    int RunningWriters() const { return m_iRunningWriterThreads; }
-    int QueuedBlocks(int iWriter);
+    // Blocks in the queues that the driver has not finished.
+    int UnfinishedBlocks();
+    // Once the writers have ended: every buffer left in the queues goes back
+    // to its pool. The destructor does it too.
+    void ReleaseQueues();
     ZR_BufferPool& Pool(int iThread) { return *m_aProducers[size_t(iThread)].pPool; }
 
 private:
