@@ -17,7 +17,9 @@
 // driver makes them zeros in the file. A chunk whose read failed is not
 // handed over (its pages would hold what the buffer held before): the next
 // look offers it again, and a chunk that fails three times in a row stops
-// the hydration with the reason in the error chain.
+// the hydration, incomplete, with the reason in the error chain. So does a
+// driver that answers nothing for seconds (it stopped): a later hydration
+// of the mount may try again.
 #include <cstring>
 
 #include "diag/Trace.h"
@@ -31,6 +33,9 @@ namespace {
 
 constexpr uint32_t kChunkBytes = 0x100000;
 constexpr int kChunkReadTries = 3;
+// A driver that answers no command 8 of a thread for this long is taken
+// for gone.
+constexpr uint32_t kDriverSilenceMs = 5000;
 constexpr uint64_t kPercentStep = 1000;
 constexpr int kFullPercent = 10000;
 
@@ -58,6 +63,8 @@ struct FailedChunk {
     int iTimes = 0;
 };
 
+bool ZR_Database::HydrationEnding() { return m_bCancel || m_bHydrationFailed; }
+
 // Waits on the thread's event, which a cancel sets.
 void ZR_Database::PauseThread(int iThread, DWORD iMs) { WaitForSingleObject(m_pWriters->ProducerEvent(iThread), iMs); }
 
@@ -70,7 +77,7 @@ bool ZR_Database::MustWait() {
 
 // A thread without a buffer must not read: it tries again every second.
 void* ZR_Database::AllocReadBuffer(int iThread, uint32_t iBytes) {
-    for (bool bTold = false; !m_bCancel; bTold = true) {
+    for (bool bTold = false; !HydrationEnding(); bTold = true) {
         if (void* p = VirtualAlloc(nullptr, iBytes, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE)) return p;
         if (!bTold)
             ZR_Error(m_pwszMountKey, __FILE__, "ZR_Database::DataHydrateThreadProc", __LINE__,
@@ -84,7 +91,7 @@ void* ZR_Database::AllocReadBuffer(int iThread, uint32_t iBytes) {
 ZR_Database::HydrationScan ZR_Database::ScanDataFiles(int iFirst, int iLimit) {
     HydrationScan scan;
     ++m_HydrationPassCount;
-    for (int i = iFirst; i < iLimit && !m_bCancel; i += m_iNumHydrationThreads) {
+    for (int i = iFirst; i < iLimit && !HydrationEnding(); i += m_iNumHydrationThreads) {
         const ZR_DataFileState file = DataFileState(i);
         if (!file.bExists || file.bClosed) continue;
         scan.bNoFile = false;
@@ -176,7 +183,8 @@ void ZR_Database::DataHydrateThreadProc(int iThread) {
     FailedChunk failed;
     void* pBuffer = AllocReadBuffer(iThread, m_pWriters->Sizing().ReadBufferSize());
     if (g_iTraceMode) TraceLine("DataHydrateThreadProc - while\n");
-    for (bool bStop = false; !bStop && !m_bCancel;) {
+    uint64_t iPortErrorsSince = 0;  // tick of the first of the port errors in a row
+    for (bool bStop = false; !bStop && !HydrationEnding();) {
         if (MustWait()) {
             PauseThread(iThread, 1000);
             continue;
@@ -197,17 +205,26 @@ void ZR_Database::DataHydrateThreadProc(int iThread) {
                 TraceLine("ithreadID: %dError returned from FilterSendMessage m_HydrationCommunicationPort or "
                           "FileObjectUniquifier not set. Data file may be closed. Try again.\n",
                           iThread);
+            if (!iPortErrorsSince) iPortErrorsSince = GetTickCount64();
+            if (GetTickCount64() - iPortErrorsSince >= kDriverSilenceMs) {
+                ZR_Error(m_pwszMountKey, __FILE__, "ZR_Database::DataHydrateThreadProc", __LINE__,
+                         "The driver has not answered hydration thread %d for %u ms; hydration stops incomplete.\n",
+                         iThread, kDriverSilenceMs);
+                m_bHydrationFailed = true;
+                break;
+            }
             PauseThread(iThread, 500);
             ++m_piNumHydrationSleeps_2[size_t(iThread)];
             continue;
         }
+        iPortErrorsSince = 0;
         if (iMyTotal == 0 && scan.iTotal) {
             iMyTotal = scan.iTotal;
             EnterCriticalSection(&m_cs);
             m_iTotalBytesToHydrate += scan.iTotal;
             LeaveCriticalSection(&m_cs);
         }
-        if (m_bCancel) break;
+        if (HydrationEnding()) break;
         if (iThread == 0) ReportProgress(&iNextPercent);
         if (scan.next.iNumExtents != 0) {
             iFirst = static_cast<int>(scan.next.iFileId);  // stay on this file until it is complete
@@ -220,11 +237,9 @@ void ZR_Database::DataHydrateThreadProc(int iThread) {
             if (failed.iTimes >= kChunkReadTries) {
                 ZR_Error(m_pwszMountKey, __FILE__, "ZR_Database::DataHydrateThreadProc", __LINE__,
                          "Pages from extent %u of data file %u could not be read from the backups %d times; "
-                         "hydration stops with the file incomplete.\n",
+                         "hydration stops incomplete.\n",
                          failed.iExtent, failed.iFileId, failed.iTimes);
-                EnterCriticalSection(&m_cs);
-                m_bCancel = true;
-                LeaveCriticalSection(&m_cs);
+                m_bHydrationFailed = true;
             }
         } else if (IsComplete(scan.next)) {
             if (bWhole) {

@@ -295,6 +295,9 @@ public:
     std::atomic<bool> m_bPercentWaiter{false};      // a caller is in WaitOnPercentChange
     std::atomic<bool> m_bHydrationThreadExited{false};
     std::atomic<bool> m_bDataFilesCompletelyHydrated{false};
+    // This hydration cannot go on (a chunk that cannot be read, a driver
+    // that does not answer): it ends incomplete; a later one may try again.
+    std::atomic<bool> m_bHydrationFailed{false};
     std::atomic<int64_t> m_iHydrationOrderKey{0};   // smaller keys hydrate first
     wchar_t* m_pwszHydrationMarker = nullptr;       // owned; set before the claim
     int32_t m_iNumHydrationThreads = 0;             // T of the last hydration
@@ -386,6 +389,7 @@ private:
     uint64_t HydratedBytesNow();
     static unsigned HydrationProc(void* pThis);
     void DataHydrateThreadProc(int iThread);
+    bool HydrationEnding();
     void* AllocReadBuffer(int iThread, uint32_t iBytes);
     void PauseThread(int iThread, DWORD iMs);
     bool MustWait();

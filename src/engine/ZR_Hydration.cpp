@@ -128,6 +128,7 @@ bool ZR_Database::DataHydrate() {
 }
 
 bool ZR_Database::HydrateWithDriver() {
+    m_bHydrationFailed = false;
     SendPrepareHydrations();
     EnterCriticalSection(&m_cs);
     m_iNextHydrationThreadId = 0;
@@ -142,7 +143,7 @@ bool ZR_Database::HydrateWithDriver() {
     if (g_iTraceMode) TraceLine("All data files opened. proceed to start hydration threads\n");
     NoteLiveIOFigures();
     RunHydrationThreads(SizeHydration());
-    const bool bResult = !m_bCancel;
+    const bool bResult = !HydrationEnding();
     if (g_iTraceMode) TraceLine("check all completed\n");
     if (bResult) {
         if (g_iTraceMode) TraceLine("all completed\n");
@@ -315,7 +316,7 @@ bool ZR_Database::SendHydrationCleanups(bool bComplete) {
             if (hr == S_OK) break;
             if (g_iTraceMode && hr != E_HANDLE)
                 TraceLine("DRIVER_COMMAND_HYDRATION_CLEANUP returned %08x\n", static_cast<unsigned>(hr));
-            if (hr == E_HANDLE || iTry == kCleanupTries || m_bCancel) {
+            if (hr == E_HANDLE || iTry == kCleanupTries || HydrationEnding()) {
                 bFailed = true;
                 break;
             }

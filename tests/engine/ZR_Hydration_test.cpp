@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "engine/ZR_Database.h"
+#include "filterdriver/ZR_FilterDriver.h"
 #include "mount/ZR.h"
 #include "platform/FileCallsTesting.h"
 #include "support/ErrorText.h"
@@ -266,9 +267,15 @@ size_t ThreadCount() {
     return static_cast<size_t>(std::distance(fs::directory_iterator("/proc/self/task"), fs::directory_iterator()));
 }
 
-// Remove in the middle ends the hydration within seconds; every thread the
-// mount started is gone and every handle it opened is closed.
-TEST_F(HydrationControl, RemoveEndsAHydrationInTheMiddle) {
+// Remove, the end of the library, and a driver that stops end a hydration
+// in the middle within seconds. The first two leave no thread and no
+// handle of the mount behind; the driver's end leaves the mount
+// incomplete.
+enum class Ending { kRemove, kUninitialize, kDriverStops };
+
+class HydrationEnds : public HydrationControl, public testing::WithParamInterface<Ending> {};
+
+TEST_P(HydrationEnds, WithinSecondsInTheMiddle) {
     const size_t iThreads = ThreadCount(), iHandles = zr::platform::testing::OpenHandleCount();
     {
         ServedChain chain(m_library, Files(), kGuid);
@@ -277,15 +284,37 @@ TEST_F(HydrationControl, RemoveEndsAHydrationInTheMiddle) {
         std::thread hydration([&] { StartDataHydration(chain.Key(), nullptr, 0); });
         ASSERT_TRUE(WaitFor([&] { return Database(chain).m_TotalHydratedByDataPasses > 0; }));
         const auto start = std::chrono::steady_clock::now();
-        Remove(chain.Key());
+        switch (GetParam()) {
+            case Ending::kRemove: Remove(chain.Key()); break;
+            case Ending::kUninitialize: UninitializeForExit(); break;
+            case Ending::kDriverStops: ZR_FilterDriver::Stop(); break;
+        }
         hydration.join();
-        EXPECT_LT(std::chrono::steady_clock::now() - start, 3s);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, GetParam() == Ending::kDriverStops ? 8s : 3s);
+        if (GetParam() == Ending::kDriverStops) {
+            EXPECT_FALSE(DatabaseHydrationDone(chain.Key(), nullptr));
+            return;
+        }
         EXPECT_EQ(ZR::FindDatabase(chain.Key()), nullptr);
     }
-    // A thread that has signalled its end may take a moment to leave.
-    EXPECT_TRUE(WaitFor([&] { return ThreadCount() == iThreads; }, 1s)) << ThreadCount() << " threads, not " << iThreads;
-    EXPECT_EQ(zr::platform::testing::OpenHandleCount(), iHandles);
+    // A thread that has signalled its end may take a moment to leave. The
+    // end of the library also ends its service's threads and handles.
+    const bool bService = GetParam() == Ending::kUninitialize;
+    EXPECT_TRUE(WaitFor([&] { return bService ? ThreadCount() < iThreads : ThreadCount() == iThreads; }, 1s))
+        << ThreadCount() << " threads, not " << iThreads;
+    if (bService)
+        EXPECT_LT(zr::platform::testing::OpenHandleCount(), iHandles);
+    else
+        EXPECT_EQ(zr::platform::testing::OpenHandleCount(), iHandles);
 }
+
+std::string EndingName(const testing::TestParamInfo<Ending>& info) {
+    const char* aszNames[] = {"Remove", "Uninitialize", "DriverStops"};
+    return aszNames[int(info.param)];
+}
+
+INSTANTIATE_TEST_SUITE_P(Endings, HydrationEnds,
+                         testing::Values(Ending::kRemove, Ending::kUninitialize, Ending::kDriverStops), EndingName);
 
 // A bitmap that fails its check stops hydration: the mount reads as done,
 // its database as gone, and the marker keeps its name.
