@@ -282,10 +282,13 @@ unsigned ZR_Database::HydrationProc(void* pThis) {
         ZR_Error(pDB->m_pwszMountKey, __FILE__, "ZR_Database::DataHydrateThreadProc", __LINE__,
                  "Hydration thread %d ended on an exception.\n", iThread);
     }
+    // The others look at the flag at once: thread 0's end is the end of a
+    // complete hydration.
     EnterCriticalSection(&pDB->m_cs);
     --pDB->m_iRunningHydrationThreads;
     pDB->m_bHydrationThreadExited = true;
     SetEvent(pDB->m_hHydrationThreadExit);
+    pDB->m_pWriters->WakeAll();
     LeaveCriticalSection(&pDB->m_cs);
     return 0;
 }

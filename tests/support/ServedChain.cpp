@@ -98,11 +98,12 @@ ChainFiles TestChain(const std::vector<std::string>& full, const std::vector<std
     return files;
 }
 
-ServedChain::ServedChain(const ServedLibrary& library, const ChainFiles& files, const wchar_t* wszGuid)
+ServedChain::ServedChain(const ServedLibrary& library, const ChainFiles& files, const wchar_t* wszGuid,
+                         bool bReference)
     : m_pHost(ZR_FilterDriver::Host()) {
     std::vector<fs::path> full = files.full;
     std::sort(full.begin(), full.end());  // the reference reads stripes in their own order
-    if (!m_reference.Build(full, files.diff)) {
+    if (bReference && !m_reference.Build(full, files.diff)) {
         m_error = m_reference.Error();
         return;
     }

@@ -61,8 +61,10 @@ public:
 
     // Mounts with the GUID (its key is "GUID=" and the GUID in capitals, so
     // a later mount with the same GUID finds the same sparse files) and
-    // opens the data files; Ready() tells.
-    ServedChain(const ServedLibrary& library, const ChainFiles& files, const wchar_t* wszGuid);
+    // opens the data files; Ready() tells. Without bReference (benchmarks of
+    // large backups) nothing may be checked against the reference.
+    ServedChain(const ServedLibrary& library, const ChainFiles& files, const wchar_t* wszGuid,
+                bool bReference = true);
     // Closes the data files, then removes the mount.
     ~ServedChain();
     ServedChain(const ServedChain&) = delete;
