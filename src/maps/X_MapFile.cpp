@@ -136,7 +136,7 @@ bool X_MapFile::FormName(X_MapLocale_e eLocale) {
             return false;
         if (m_eBackend == ZR_BACKEND_KELP)
             name = ZR_FormatW(L"%s\\%hs.%hs", g_wszMapFilesFolder, GuidText(m_KlbsGuid).c_str(), GetFileExtension());
-        else if (m_eBackend == ZR_BACKEND_MTF || m_eBackend == 3)
+        else if (X_MapBackend(m_eBackend) == ZR_BACKEND_MTF)
             name = ZR_FormatW(L"%s\\%hs %hs 0x%08.8X.%hs", g_wszMapFilesFolder, CachedNameDate(m_MediaDate).c_str(),
                               CachedNameDate(m_MediaWriteDate).c_str(), m_iMediaFamilyId, GetFileExtension());
         else

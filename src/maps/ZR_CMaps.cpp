@@ -160,7 +160,7 @@ bool ZR_CMaps::WriteIdentity() {
 
 bool ZR_CMaps::ReadIdentity() {
     int32_t iBackend = 0;
-    if (!Read(&iBackend, 4, 1) || iBackend != m_eBackend)
+    if (!Read(&iBackend, 4, 1) || X_MapBackend(iBackend) != X_MapBackend(m_eBackend))
         return false;
     int32_t iRequired = 0;
     if (!Read(&iRequired, 4, 1))

@@ -176,6 +176,31 @@ TEST_F(ContentMapFile, AnotherIdentityOrDataSetFindsNoMap) {
     EXPECT_EQ(otherSet.GetNumFiles(), 0);
 }
 
+// Backend 3 is a native backup to every map: a file that says 3 is read by a
+// native object and a native file by an object that says 3; a compressed
+// backup's word is another backup.
+TEST_F(ContentMapFile, BackendThreeReadsAsANativeBackup) {
+    const fs::path name = WriteMap();
+    auto setWord = [&](int32_t iBackend) {
+        std::fstream f(name, std::ios::binary | std::ios::in | std::ios::out);
+        f.seekp(8);  // behind the magic and the version
+        f.write(reinterpret_cast<const char*>(&iBackend), 4);
+    };
+    struct Case {
+        int32_t iInFile;
+        int32_t iObject;
+        bool bRead;
+    } cases[] = {{3, ZR_BACKEND_MTF, true}, {ZR_BACKEND_MTF, 3, true}, {ZR_BACKEND_KELP, ZR_BACKEND_MTF, false}};
+    for (const Case& c : cases) {
+        setWord(c.iInFile);
+        ZR_CMaps map;
+        SetIdentity(map);
+        map.SetBackend(static_cast<ZR_Backend_e>(c.iObject));
+        map.SetBackupName(m_backup.c_str());
+        EXPECT_EQ(map.Read(), c.bRead) << c.iInFile << " read as " << c.iObject;
+    }
+}
+
 TEST_F(ContentMapFile, DataSetZeroIsWrittenAsOne) {
     WriteMap(0);
     ZR_CMaps map;
