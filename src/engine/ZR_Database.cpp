@@ -5,6 +5,7 @@
 #include "diag/Trace.h"
 #include "diag/ZR_Error.h"
 #include "engine/OwnedString.h"
+#include "engine/ZR_ChainCheck.h"
 
 namespace {
 
@@ -50,6 +51,7 @@ bool ZR_Database::PrepareContent() {
         if (!HasKindOfSlot(pBackup, i))
             return false;
     }
+    if (!ZR_CheckChain(*this)) return false;
     return true;
 }
 

@@ -17,6 +17,7 @@
 #include "backup/ZR_Backup.h"
 #include "backup/ZR_ScanFull.h"
 #include "diag/ZR_Error.h"
+#include "engine/ZR_ChainCheck.h"
 #include "maps/ZR_CMaps.h"
 #include "maps/ZR_EMaps.h"
 
@@ -67,21 +68,6 @@ std::unique_ptr<ZR_Backup> PrepareBackup(const std::vector<std::string>& aFiles,
     PrintMaps(iIndex == 0 ? "full" : "differential", ZR_ScanFull::ms_iScansRun != iScans,
               ZR_Backup::ms_iExtentMapBuilds != iBuilds);
     return b;
-}
-
-// A differential serves only the full backup it was taken over: its base
-// is the full backup's checkpoint.
-bool DiffBelongsToFull(ZR_Backup& full, ZR_Backup& diff) {
-    const SQL_CONFIG_INFO_V7* f = full.m_pCMaps->m_ConfigMSCI.m_pConfig;
-    const SQL_CONFIG_INFO_V7* d = diff.m_pCMaps->m_ConfigMSCI.m_pConfig;
-    if (CompareLSN(d->m_differential_base_lsn, f->m_checkpoint_lsn) == 0) return true;
-    ZR_Error(kKey, __FILE__, "ExtractCommand", __LINE__,
-             "The differential backup (base LSN %u:%u:%u) was not taken over this full backup (checkpoint LSN "
-             "%u:%u:%u).\n",
-             d->m_differential_base_lsn.SeqNo, d->m_differential_base_lsn.blockOffset,
-             static_cast<unsigned>(d->m_differential_base_lsn.slotId), f->m_checkpoint_lsn.SeqNo,
-             f->m_checkpoint_lsn.blockOffset, static_cast<unsigned>(f->m_checkpoint_lsn.slotId));
-    return false;
 }
 
 // The data files of a configuration; the sizes of a later one (the
@@ -290,7 +276,8 @@ bool RunExtract(const ExtractOptions& options) {
     std::unique_ptr<ZR_Backup> diff;
     if (!options.aDiff.empty()) {
         diff = PrepareBackup(options.aDiff, options.iDiffDataSet, 1, &iVersion);
-        if (!diff || !DiffBelongsToFull(*full, *diff)) return false;
+        ZR_Backup* aChain[] = {full.get(), diff.get()};
+        if (!diff || !ZR_CheckChain(aChain, 2, kKey)) return false;
     }
     return ExtractFiles(options, *full, diff.get());
 }
