@@ -3,6 +3,8 @@
 #include "diag/Trace.h"
 #include "foundation/Alloc.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <string>
 
@@ -244,6 +246,24 @@ bool ZR_CMaps::AddSegment(int iFile, const ZR_StripeLocation& loc) {
 uint32_t ZR_CMaps::GetType(int iFile) {
     int iBlocks = Count(iFile);
     return iBlocks ? (*this)(iFile, iBlocks - 1).m_iType : 0;
+}
+
+uint64_t ZR_CMaps::GetRowEnd(int iFile) {
+    const int iBlock = Count(iFile) - 1;
+    if (iBlock < 0)
+        return 0;
+    auto end = [](const ZR_StripeLocation& loc) {
+        return loc.iLength > UINT64_MAX - loc.iBkpFileOfs ? UINT64_MAX : loc.iBkpFileOfs + loc.iLength;
+    };
+    uint64_t iEnd = end(GetLocation(iFile, iBlock));
+    const int iStream = GetNumSTREAMs(iFile, iBlock) - 1;
+    if (iStream >= 0) {
+        iEnd = std::max(iEnd, end(GetLocation(iFile, iBlock, iStream)));
+        const int iSegment = GetNumSegments(iFile, iBlock, iStream) - 1;
+        if (iSegment >= 0)
+            iEnd = std::max(iEnd, end(GetLocation(iFile, iBlock, iStream, iSegment)));
+    }
+    return iEnd;
 }
 
 ZR_StripeLocation ZR_CMaps::Based(ZR_StripeLocation loc) const {

@@ -139,6 +139,10 @@ public:
     }
     // Type of the row's last block, 0 for an empty row.
     uint32_t GetType(int iFile);
+    // The backup file offset behind the last thing that row iFile locates
+    // (its last block, or that block's last stream or segment); 0 for an
+    // empty row, and the largest offset when a location reaches past it.
+    uint64_t GetRowEnd(int iFile);
 
     // Forgets the configurations and the block table (after a write, so that
     // what the mount uses is read back from the file).
