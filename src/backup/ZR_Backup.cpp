@@ -233,7 +233,11 @@ bool ZR_Backup::BuildContentMap(bool* pbMapped) {
         return false;
     pMap->ClearContents();
     pMap->SetBackupName(wszFirst);
-    return pMap->Read();
+    if (pMap->Read())
+        return true;
+    ZR_Error(m_wszKey, __FILE__, "ZR_Backup::PrepareContent", __LINE__,
+             "The content map just written for data set %d of file %S cannot be read back.\n", iDataSet, wszFirst);
+    return false;
 }
 
 bool ZR_Backup::CheckVersion(int32_t* piVersion) {
@@ -281,8 +285,11 @@ bool ZR_Backup::PrepareContent(int32_t* piVersion) {
         return false;
     }
     SortFiles();
-    if (!TakeSharedContentMap())
+    if (!TakeSharedContentMap()) {
+        ZR_Error(m_wszKey, __FILE__, "ZR_Backup::PrepareContent", __LINE__,
+                 "No file of data set %d is a backup of a supported format.\n", iDataSet);
         return false;
+    }
     bool bBuilder = !m_pCMaps->GetIsCreated();
     // Another object built the map: only the views are this object's own.
     if (!bBuilder && (!FilesHoldTheirMap() || !ZR_ScanVirtualizeBackup::Run(this)))

@@ -310,8 +310,11 @@ bool X_MapFile::OpenForUpdate() {
             bOk = m_pView && ReadPreamble() && ReadContent(true);
         }
     }
-    if (!bOk)
+    if (!bOk) {
+        ZR_Error(nullptr, __FILE__, "X_MapFile::OpenForUpdate", __LINE__, "Failed to open %s \"%S\" for update\n",
+                 GetMapName(), m_wszMapFileName);
         Close();
+    }
     return bOk;
 }
 
