@@ -4,8 +4,8 @@
 
 #include "diag/Trace.h"
 #include "diag/ZR_Error.h"
-#include "engine/OwnedString.h"
 #include "engine/ZR_ChainCheck.h"
+#include "engine/OwnedString.h"
 
 namespace {
 
@@ -50,8 +50,8 @@ bool ZR_Database::PrepareContent() {
         }
         if (!HasKindOfSlot(pBackup, i))
             return false;
+        if (i + 1 == GetNumBackups() && !ZR_CheckChain(*this)) return false;  // once every backup is prepared
     }
-    if (!ZR_CheckChain(*this)) return false;
     return true;
 }
 
