@@ -289,38 +289,4 @@ TEST_F(BackupContent, TypesOtherThanFullDifferentialAndLogAreRefused) {
     EXPECT_EQ(MapFiles(), 0) << "no map of a refused backup";
 }
 
-// A map made of a whole file does not stand for the file once it has been
-// cut short, whether the map is shared by a live object or read from its
-// file: the backup is refused, however little is missing.
-TEST_F(BackupContent, AFileCutShortAfterItsMapWasMadeIsRefused) {
-    const fs::path real = *zrtest::TestDataFile("appveyor-lab/DoubleDiffing/difftest-diff1.bak");
-    const uintmax_t iSize = fs::file_size(real);
-    for (uintmax_t iCut : {iSize - 512, iSize / 2}) {
-        SCOPED_TRACE("cut to " + std::to_string(iCut));
-        fs::remove_all(m_tmp / "maps");
-        fs::create_directories(m_tmp / "maps");
-        fs::path copy = m_tmp / "cut.bak";
-        fs::copy_file(real, copy, fs::copy_options::overwrite_existing);
-        auto make = [&] {
-            auto b = std::make_unique<ZR_Backup>(L"k");
-            b->SetDataSetNumber(1);
-            b->AddFile(copy.wstring().c_str(), nullptr, false);
-            return b;
-        };
-        auto whole = make();
-        int32_t v = 0;
-        ASSERT_TRUE(whole->PrepareContent(&v)) << Errors(L"k");
-        fs::resize_file(copy, iCut);
-        for (bool bShared : {true, false}) {
-            if (!bShared)
-                whole.reset();
-            ZR_ClearErrors(L"k");
-            auto cut = make();
-            v = 0;
-            EXPECT_FALSE(cut->PrepareContent(&v)) << (bShared ? "shared" : "read from its file");
-            EXPECT_NE(Errors(L"k").find("has been cut short"), std::string::npos) << Errors(L"k");
-        }
-    }
-}
-
 }  // namespace

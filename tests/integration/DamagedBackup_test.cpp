@@ -100,32 +100,17 @@ TEST(DamagedBackup, EveryStepAnswersOrRefusesCleanly) {
     EXPECT_GT(iRefused, 0);
 }
 
-// The first stream header of the type gets a new length, and its checksum
-// is made right again, so that the damage passes every header check.
-void SetStreamLength(std::vector<uint8_t>& bytes, const char* szId, uint64_t iLength) {
-    const auto it = std::search(bytes.begin(), bytes.end(), szId, szId + 4);
-    ASSERT_NE(it, bytes.end());
-    uint8_t* p = &*it;
-    std::memcpy(p + 8, &iLength, 8);
-    uint16_t iSum = 0;
-    for (int i = 0; i < 20; i += 2)
-        iSum ^= static_cast<uint16_t>(p[i] | p[i + 1] << 8);
-    std::memcpy(p + 20, &iSum, 2);
-}
-
-// The map file of the extension in a folder.
-fs::path MapFile(const fs::path& folder, const char* szExtension) {
-    for (const auto& e : fs::directory_iterator(folder))
-        if (e.path().extension() == szExtension)
-            return e.path();
-    return {};
-}
-
-void ChangeFile(const fs::path& p, const std::function<void(std::vector<uint8_t>&)>& change) {
+// The map file of the extension in a folder, or the backup itself for "bak",
+// rewritten with a change.
+void ChangeFile(const fs::path& backup, const char* szWhich, const std::function<void(std::vector<uint8_t>&)>& change) {
+    fs::path p = backup;
+    for (const auto& e : fs::directory_iterator(backup.parent_path() / "maps"))
+        if (e.path().extension() == szWhich)
+            p = e.path();
     std::vector<uint8_t> bytes = zrtest::ReadFileBytes(p);
     change(bytes);
-    std::ofstream out(p, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    std::ofstream(p, std::ios::binary | std::ios::trunc)
+        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
 }
 
 // Damage that once read past a buffer, overflowed a sum, or failed without
@@ -135,63 +120,63 @@ void ChangeFile(const fs::path& p, const std::function<void(std::vector<uint8_t>
 // backup behind such a map.
 TEST(DamagedBackup, EachKnownDamageIsRefusedWithItsReason) {
     ZR_REQUIRE_TESTDATA();
-    const fs::path good = *zrtest::TestDataFile("appveyor-lab/DoubleDiffing/difftest-diff1.bak");
     using Change = std::function<void(std::vector<uint8_t>&)>;
-    const Change hugeDataLength = [](std::vector<uint8_t>& b) { SetStreamLength(b, "MQDA", (uint64_t{1} << 63) - 14); };
-    const Change noClosingConfig = [](std::vector<uint8_t>& b) {
-        const char scin[] = "SCIN";
-        auto it = std::find_end(b.begin(), b.end(), scin, scin + 4);  // the MSLS's, behind the MSCI's
-        ASSERT_NE(it, b.end());
-        *it = 'X';
+    const auto at = [](std::vector<uint8_t>& b, const char* szText) {  // first place of four letters
+        return b.data() + (std::search(b.begin(), b.end(), szText, szText + 4) - b.begin());
     };
-    // The TAPE block's location, at offset 0, moves to offset 4 in its
-    // backup file offset alone, or in its stripe offset too: no header
-    // starts there, and what reads as one is 52 bytes long.
-    auto tapeMoved = [](bool bBothOffsets) {
-        return [bBothOffsets](std::vector<uint8_t>& b) {
-            const char tape[] = "TAPE";
-            auto it = std::search(b.begin(), b.end(), tape, tape + 4);  // the first block of the table
-            ASSERT_NE(it, b.end());
-            it[4 + 17] ^= 0x04;  // bit 2 of iBkpFileOfs, behind the type and 17 bytes of the location
-            if (bBothOffsets)
-                it[4] ^= 0x04;  // and of iStripeOfs
+    // The first data stream says 2^63 - 14 bytes, with a checksum made right.
+    const Change hugeDataLength = [&](std::vector<uint8_t>& b) {
+        uint8_t* p = at(b, "MQDA");
+        const uint64_t iLength = (uint64_t{1} << 63) - 14;
+        std::memcpy(p + 8, &iLength, 8);
+        uint16_t iSum = 0;
+        for (int i = 0; i < 20; i += 2)
+            iSum ^= static_cast<uint16_t>(p[i] | p[i + 1] << 8);
+        std::memcpy(p + 20, &iSum, 2);
+    };
+    // The TAPE block's location, at offset 0, moves to offset 4 in its backup
+    // file offset alone, or in its stripe offset too: no header starts there,
+    // and what reads as one is 52 bytes long.
+    const auto tapeMoved = [&](bool bBoth) {
+        return [=](std::vector<uint8_t>& b) {
+            uint8_t* p = at(b, "TAPE") + 4;  // the location of the first block of the table
+            p[17] ^= 0x04;                   // bit 2 of iBkpFileOfs
+            p[0] ^= bBoth ? 0x04 : 0;        // and of iStripeOfs
         };
     };
     struct Case {
-        const char* what;
-        bool bMapFirst;        // a map of the sound backup is made first
-        const char* szDamaged; // which file the change goes to: "bak", or a map's extension
+        bool bMapFirst;       // a map of the sound backup is made first
+        const char* szWhich;  // the file changed: "bak", or a map's extension
         Change change;
-        const char* reason;    // null: the damaged map is built again and the backup prepared
+        const char* reason;   // null: the damaged map is built again and the backup prepared
     } cases[] = {
-        {"a data stream length near 2^63", false, "bak", hugeDataLength, "No configuration was found in the MSLS"},
-        {"the same behind a map of the sound backup", true, "bak", hugeDataLength, "run past the end of the file"},
-        {"an MSLS without its configuration", false, "bak", noClosingConfig, "No configuration was found in the MSLS"},
-        {"an extent map whose update word is damaged", true, ".xdm", [](std::vector<uint8_t>& b) { b[16] = 2; },
-         "Failed to open BackupExtentMap"},
-        {"a content map with one bit changed", true, ".xcm", tapeMoved(false), nullptr},
-        {"a content map whose TAPE block moved", true, ".xcm", tapeMoved(true), "The content map places a TAPE block"},
+        {false, "bak", hugeDataLength, "No configuration was found in the MSLS"},
+        {true, "bak", hugeDataLength, "run past the end of the file"},
+        {false, "bak", [](std::vector<uint8_t>& b) { b[std::string(b.begin(), b.end()).rfind("SCIN")] = 'X'; },
+         "No configuration was found in the MSLS"},
+        {true, "bak", [](std::vector<uint8_t>& b) { b.resize(b.size() - 512); }, "has been cut short"},
+        {true, ".xdm", [](std::vector<uint8_t>& b) { b[16] = 2; }, "Failed to open BackupExtentMap"},
+        {true, ".xcm", tapeMoved(false), nullptr},
+        {true, ".xcm", tapeMoved(true), "The content map places a TAPE block"},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
+        SCOPED_TRACE(std::string(c.szWhich) + " " + (c.reason ? c.reason : "rebuilt"));
         zrtest::TempDir tmp;
         const fs::path file = tmp / "damaged.bak";
-        fs::copy_file(good, file);
-        zrtest::MapFolderScope maps(tmp / "maps");
+        fs::copy_file(*zrtest::TestDataFile("appveyor-lab/DoubleDiffing/difftest-diff1.bak"), file);
         fs::create_directories(tmp / "maps");
+        zrtest::MapFolderScope maps(tmp / "maps");
         std::string error;
         if (c.bMapFirst) {
             ASSERT_TRUE(zrtest::PrepareBackup({file}, false, &error)) << error;
         }
-        ChangeFile(std::string(c.szDamaged) == "bak" ? file : MapFile(tmp / "maps", c.szDamaged), c.change);
+        ChangeFile(file, c.szWhich, c.change);
         const int iScans = ZR_ScanFull::ms_iScansRun;
         std::unique_ptr<ZR_Backup> backup = zrtest::PrepareBackup({file}, false, &error);
-        if (c.reason) {
-            EXPECT_FALSE(backup);
-            EXPECT_NE(error.find(c.reason), std::string::npos) << error;
-        } else {
-            EXPECT_TRUE(backup) << error;
-            EXPECT_EQ(ZR_ScanFull::ms_iScansRun, iScans + 1);
+        EXPECT_EQ(!backup, c.reason != nullptr) << error;
+        EXPECT_NE(error.find(c.reason ? c.reason : ""), std::string::npos) << error;
+        if (!c.reason) {
+            EXPECT_EQ(ZR_ScanFull::ms_iScansRun, iScans + 1) << "the map is built again";
         }
     }
 }

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <tuple>
 #include <vector>
 
 namespace fs = std::filesystem;
@@ -181,23 +182,15 @@ TEST_F(ContentMapFile, AnotherIdentityOrDataSetFindsNoMap) {
 // backup's word is another backup.
 TEST_F(ContentMapFile, BackendThreeReadsAsANativeBackup) {
     const fs::path name = WriteMap();
-    auto setWord = [&](int32_t iBackend) {
-        std::fstream f(name, std::ios::binary | std::ios::in | std::ios::out);
-        f.seekp(8);  // behind the magic and the version
-        f.write(reinterpret_cast<const char*>(&iBackend), 4);
-    };
-    struct Case {
-        int32_t iInFile;
-        int32_t iObject;
-        bool bRead;
-    } cases[] = {{3, ZR_BACKEND_MTF, true}, {ZR_BACKEND_MTF, 3, true}, {ZR_BACKEND_KELP, ZR_BACKEND_MTF, false}};
-    for (const Case& c : cases) {
-        setWord(c.iInFile);
+    for (auto [iInFile, iObject, bRead] : {std::tuple{3, 1, true}, {1, 3, true}, {2, 1, false}}) {
+        std::fstream(name, std::ios::binary | std::ios::in | std::ios::out)
+            .seekp(8)  // behind the magic and the version
+            .write(reinterpret_cast<const char*>(&iInFile), 4);
         ZR_CMaps map;
         SetIdentity(map);
-        map.SetBackend(static_cast<ZR_Backend_e>(c.iObject));
+        map.SetBackend(static_cast<ZR_Backend_e>(iObject));
         map.SetBackupName(m_backup.c_str());
-        EXPECT_EQ(map.Read(), c.bRead) << c.iInFile << " read as " << c.iObject;
+        EXPECT_EQ(map.Read(), bRead) << iInFile << " read as " << iObject;
     }
 }
 
