@@ -56,9 +56,9 @@ public:
         Link end = full;  // the last backup that fits
         bool bLogSeen = false;
         for (int i = 1; i < iCount; ++i) {
-            Link link;
             if (!apBackups[i])
                 continue;
+            Link link;
             if (!Describe(apBackups[i], &link) || !SameDatabase(full, link))
                 return false;
             bool bFits = i == 1 ? TakenOver(full, link) : bLogSeen ? Continues(end, link) : Covers(end, link);
