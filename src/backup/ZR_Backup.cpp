@@ -168,6 +168,24 @@ bool ZR_Backup::TakeSharedContentMap() {
     return true;
 }
 
+// A map read from a file, or shared, stands for the files as they were when
+// it was made: a file cut short since then would have its view and its
+// reads run past its end.
+bool ZR_Backup::FilesHoldTheirMap() {
+    for (int i = 0; i < GetNumFiles() && i < m_pCMaps->GetNumFiles(); ++i) {
+        const uint64_t iEnd = m_pCMaps->GetRowEnd(i);
+        const uint64_t iSize = m_aFiles(i)->GetFileSize();
+        if (iSize >= iEnd)
+            continue;
+        ZR_Error(m_wszKey, __FILE__, "ZR_Backup::PrepareContent", __LINE__,
+                 "The backup file %S is %I64d bytes long, shorter than the %I64d bytes that its content map "
+                 "records: the file has been cut short.\n",
+                 m_aFiles(i)->GetFileName(), static_cast<int64_t>(iSize), static_cast<int64_t>(iEnd));
+        return false;
+    }
+    return true;
+}
+
 // The builder's road: read the map from a file, or scan the backup and
 // write the map; either way what the mount uses comes from the file.
 bool ZR_Backup::BuildContentMap(bool* pbMapped) {
@@ -188,6 +206,8 @@ bool ZR_Backup::BuildContentMap(bool* pbMapped) {
                  "Not all of the %d required striped backup files are specified.\n", pMap->GetRequiredFiles());
         return false;
     }
+    if (*pbMapped && !FilesHoldTheirMap())
+        return false;
     if (!*pbMapped) {
         ZR_ScanFull scan(this, iDataSet);
         if (!scan.ScanFiles()) {
@@ -210,7 +230,11 @@ bool ZR_Backup::BuildContentMap(bool* pbMapped) {
         return false;
     pMap->ClearContents();
     pMap->SetBackupName(wszFirst);
-    return pMap->Read();
+    if (pMap->Read())
+        return true;
+    ZR_Error(m_wszKey, __FILE__, "ZR_Backup::PrepareContent", __LINE__,
+             "The content map just written for data set %d of file %S cannot be read back.\n", iDataSet, wszFirst);
+    return false;
 }
 
 bool ZR_Backup::CheckVersion(int32_t* piVersion) {
@@ -258,11 +282,14 @@ bool ZR_Backup::PrepareContent(int32_t* piVersion) {
         return false;
     }
     SortFiles();
-    if (!TakeSharedContentMap())
+    if (!TakeSharedContentMap()) {
+        ZR_Error(m_wszKey, __FILE__, "ZR_Backup::PrepareContent", __LINE__,
+                 "No file of data set %d is a backup of a supported format.\n", iDataSet);
         return false;
+    }
     bool bBuilder = !m_pCMaps->GetIsCreated();
     // Another object built the map: only the views are this object's own.
-    if (!bBuilder && !ZR_ScanVirtualizeBackup::Run(this))
+    if (!bBuilder && (!FilesHoldTheirMap() || !ZR_ScanVirtualizeBackup::Run(this)))
         return false;
     if (bBuilder) {
         bool bMapped = false;

@@ -163,6 +163,7 @@ private:
     bool Probe();
     void SortFiles();
     bool TakeSharedContentMap();
+    bool FilesHoldTheirMap();
     bool BuildContentMap(bool* pbMapped);
     bool CheckVersion(int32_t* piVersion);
     bool FailContent(bool bBuilder);

@@ -136,7 +136,7 @@ bool X_MapFile::FormName(X_MapLocale_e eLocale) {
             return false;
         if (m_eBackend == ZR_BACKEND_KELP)
             name = ZR_FormatW(L"%s\\%hs.%hs", g_wszMapFilesFolder, GuidText(m_KlbsGuid).c_str(), GetFileExtension());
-        else if (m_eBackend == ZR_BACKEND_MTF || m_eBackend == 3)
+        else if (X_MapBackend(m_eBackend) == ZR_BACKEND_MTF)
             name = ZR_FormatW(L"%s\\%hs %hs 0x%08.8X.%hs", g_wszMapFilesFolder, CachedNameDate(m_MediaDate).c_str(),
                               CachedNameDate(m_MediaWriteDate).c_str(), m_iMediaFamilyId, GetFileExtension());
         else
@@ -310,8 +310,11 @@ bool X_MapFile::OpenForUpdate() {
             bOk = m_pView && ReadPreamble() && ReadContent(true);
         }
     }
-    if (!bOk)
+    if (!bOk) {
+        ZR_Error(nullptr, __FILE__, "X_MapFile::OpenForUpdate", __LINE__, "Failed to open %s \"%S\" for update\n",
+                 GetMapName(), m_wszMapFileName);
         Close();
+    }
     return bOk;
 }
 

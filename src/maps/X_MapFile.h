@@ -44,6 +44,10 @@ extern wchar_t g_wszMapFilesFolder[MAX_PATH];
 // "Embedded", "Satellite", "Cached", or "" for anything else.
 const char* MapLocaleName(X_MapLocale_e eLocale);
 
+// The backend a map's backend word stands for: 3 is read and written like a
+// native backup (1) by all map code, though no scan produces it.
+inline int32_t X_MapBackend(int32_t iBackend) { return iBackend == 3 ? ZR_BACKEND_MTF : iBackend; }
+
 class X_MapFile {
 public:
     X_MapFile();

@@ -260,15 +260,15 @@ TEST_F(BackupAccess, AReadErrorInTheWalkFailsTheBuildAndLeavesNoMapFile) {
         int32_t v = 0;
         ASSERT_TRUE(b->PrepareContent(&v)) << Errors();  // the content map is now a file
     }
-    // Cut the file in the middle of its data: the content map still reads,
-    // the walk of the extents cannot.
-    const auto& extents = writer.Stripes()[0].extents;
-    fs::resize_file(p, extents[extents.size() / 2].offset + 100);
     auto b = std::make_unique<ZR_Backup>(L"acc");
     b->SetDataSetNumber(1);
     b->AddFile(p.wstring().c_str(), nullptr, false);
     int32_t v = 0;
     ASSERT_TRUE(b->PrepareContent(&v)) << Errors();
+    // Cut the file in the middle of its data once its content is known: the
+    // walk of the extents cannot read it.
+    const auto& extents = writer.Stripes()[0].extents;
+    fs::resize_file(p, extents[extents.size() / 2].offset + 100);
     ASSERT_TRUE(b->Open());
     EXPECT_FALSE(b->PrepareAccess(0));
     EXPECT_NE(Errors().find("MTF Error: MQDA."), std::string::npos) << Errors();

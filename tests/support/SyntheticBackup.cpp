@@ -443,8 +443,10 @@ void StripeEmitter::DataSet(int set, const std::vector<ExtentRef>& share) {
     Config("MSCI", set);
     if (m_o.kind != SyntheticKind::Log) Data(set, share);
     if (m_o.ph6sFiles) Ph6sRun(set);
-    LogPart(set, m_o.logExtents);
-    if (m_o.kind != SyntheticKind::Log) LogPart(set, 0);  // SQL Server closes the log part with an empty one
+    if (m_o.mstl) {
+        LogPart(set, m_o.logExtents);
+        if (m_o.kind != SyntheticKind::Log) LogPart(set, 0);  // SQL Server closes the log part with an empty one
+    }
     Config("MSLS", set);
     EndSet(set);
 }
