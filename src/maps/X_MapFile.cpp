@@ -7,6 +7,7 @@
 #include "foundation/Utf16.h"
 #include "platform/WideStdio.h"
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 
@@ -270,6 +271,10 @@ bool X_MapFile::OpenForWrite(X_MapLocale_e eLocale) {
     if (!SetMapLocale(eLocale))
         return false;
     m_eMapPlug = X_MAPPLUG_STDIO;
+    // A new file rather than the old one cut to nothing: a map may still be
+    // mapped from the old file, here or in another process, and its view
+    // must keep its bytes.
+    DeleteFileW(m_wszMapFileName);
     m_pFile = _wfopen(m_wszMapFileName, L"wb");
     m_iCurrOffset = m_iOffset;
     if (m_pFile && WritePreamble())
@@ -445,6 +450,24 @@ bool X_MapFile::Write(const void* p, unsigned cb, unsigned n) {
     else if (m_pFile)
         bOk = std::fwrite(p, 1, total, m_pFile) == total;
     m_iCurrOffset += total;
+    return bOk;
+}
+
+bool X_MapFile::WriteZeros(uint64_t cb) {
+    // Shorter runs are written: seeking flushes the stream's buffer.
+    constexpr uint64_t kHoleFrom = 65536;
+    static const uint8_t zeros[4096] = {};
+    bool bOk = m_pFile != nullptr || cb == 0;
+    if (bOk && cb >= kHoleFrom) {
+        bOk = _fseeki64(m_pFile, static_cast<int64_t>(cb), SEEK_CUR) == 0;
+        m_iCurrOffset += cb;
+        return bOk;
+    }
+    for (uint64_t iLeft = cb; bOk && iLeft > 0;) {
+        const unsigned n = static_cast<unsigned>(std::min<uint64_t>(iLeft, sizeof zeros));
+        bOk = Write(zeros, 1, n);
+        iLeft -= n;
+    }
     return bOk;
 }
 

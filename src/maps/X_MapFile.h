@@ -90,6 +90,10 @@ public:
     // end of the file or view.
     bool Read(void* p, unsigned cb, unsigned n);
     bool Write(const void* p, unsigned cb, unsigned n);
+    // cb zero bytes at the current position; a long run becomes a hole of
+    // the file, which costs no disk. Something must be written behind it,
+    // or the file ends before the hole.
+    bool WriteZeros(uint64_t cb);
     // Memory for n items of cb bytes: with the mapping, a pointer into the
     // view (true: the caller does not own it); with the stream, a zeroed
     // Calloc block of *pcbAlloc bytes (false). A count that cannot fit in
@@ -179,6 +183,10 @@ protected:
     int32_t m_iRefCount = 0;
     HANDLE m_hCreatedEvent = nullptr;
     bool m_bIsCreated = false;
+
+public:
+    // Found damaged and out of the pool's lookups; under g_MapPool's lock.
+    bool m_bRetired = false;
 
 private:
     bool FormName(X_MapLocale_e eLocale);

@@ -22,6 +22,7 @@
 #include "support/PageFormat.h"
 #include "support/SyntheticBackup.h"
 #include "support/CliRun.h"
+#include "support/Resources.h"
 #include "support/TestData.h"
 
 namespace fs = std::filesystem;
@@ -38,23 +39,6 @@ std::string Slurp(const fs::path& p) {
 std::string LastComponent(const std::string& s) {
     size_t i = s.find_last_of("\\/");
     return i == std::string::npos ? s : s.substr(i + 1);
-}
-
-// Bytes of the file that the file system has allocated.
-uint64_t AllocatedBytes(const fs::path& p) {
-    HANDLE h = CreateFileW(p.wstring().c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
-    EXPECT_NE(h, INVALID_HANDLE_VALUE);
-    FILE_ALLOCATED_RANGE_BUFFER query{};
-    query.Length.QuadPart = static_cast<LONGLONG>(fs::file_size(p));
-    std::vector<FILE_ALLOCATED_RANGE_BUFFER> ranges(65536);
-    DWORD iBytes = 0;
-    EXPECT_TRUE(DeviceIoControl(h, FSCTL_QUERY_ALLOCATED_RANGES, &query, sizeof query, ranges.data(),
-                                static_cast<DWORD>(ranges.size() * sizeof ranges[0]), &iBytes, nullptr));
-    CloseHandle(h);
-    uint64_t iTotal = 0;
-    for (size_t i = 0; i < iBytes / sizeof ranges[0]; ++i)
-        iTotal += static_cast<uint64_t>(ranges[i].Length.QuadPart);
-    return iTotal;
 }
 
 class Extract : public ::testing::Test {
@@ -125,7 +109,7 @@ protected:
             EXPECT_TRUE(zrtest::PageChecksumHolds(page)) << "page " << p;
         }
         EXPECT_GT(iHeld, 0u);
-        EXPECT_LE(AllocatedBytes(path), iHeld * zrtest::kPageSize) << "only what a backup holds is written";
+        EXPECT_LE(zrtest::AllocatedBytes(path), iHeld * zrtest::kPageSize) << "only what a backup holds is written";
     }
 
     zrtest::TempDir m_tmp;
