@@ -125,13 +125,15 @@ bool ZR_Backup::AcquireExtentMaps(int32_t iIndex, bool bBuild, ZR_EMaps** ppEMap
 bool ZR_Backup::FillExtentMaps(int32_t iIndex, bool bBuild, ZR_EMaps* pEMaps, ZR_BMaps* pBMaps) {
     pEMaps->SetInfo(*m_pCMaps);
     pBMaps->SetInfo(*m_pCMaps);
-    if (!bBuild && pEMaps->Read()) {
-        if (pEMaps->GetIsIncremental()) {
-            pEMaps->Close();
-            if (!pEMaps->OpenForUpdate() || !pBMaps->OpenForUpdate())
-                return false;
-        }
-    } else {
+    bool bRead = !bBuild && pEMaps->Read();
+    // A map whose file says it is still being filled lies in a writable
+    // view. Nothing here writes such a file (nor any backup map to go with
+    // it): a flag that will not open is damage, and the map is built.
+    if (bRead && pEMaps->GetIsIncremental()) {
+        pEMaps->Close();
+        bRead = pEMaps->OpenForUpdate() && pBMaps->OpenForUpdate();
+    }
+    if (!bRead) {
         // A damaged file may have left part of a table behind, some of it
         // in a view that is gone: the build starts from nothing.
         pEMaps->Close();
