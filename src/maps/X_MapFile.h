@@ -145,6 +145,10 @@ public:
     void SetIsCreated(bool b);
     void SetCreatedEvent();
     void WaitForCreatedEvent();
+    // Found damaged: out of the pool's lookups (ZR_MapPool::Retire). Under
+    // g_MapPool's lock.
+    bool GetIsRetired() const { return m_bRetired; }
+    void SetIsRetired() { m_bRetired = true; }
 
 protected:
     // The 520 bytes of a 260-character name as it lies in a map file.
@@ -183,10 +187,7 @@ protected:
     int32_t m_iRefCount = 0;
     HANDLE m_hCreatedEvent = nullptr;
     bool m_bIsCreated = false;
-
-public:
-    // Found damaged and out of the pool's lookups; under g_MapPool's lock.
-    bool m_bRetired = false;
+    bool m_bRetired = false;  // under g_MapPool's lock
 
 private:
     bool FormName(X_MapLocale_e eLocale);

@@ -60,7 +60,7 @@ X_MapFile* ZR_MapPool::RetrieveWhere(int iType, Match match) {
         PoolLock lock(*this);
         for (int i = 0; i < static_cast<int>(*this) && !pFound; ++i) {
             X_MapFile* p = (*this)(i);
-            if (p && p->GetMapType() == iType && !p->m_bRetired && match(*p))
+            if (p && p->GetMapType() == iType && !p->GetIsRetired() && match(*p))
                 pFound = p;
         }
         if (pFound)
@@ -186,9 +186,9 @@ void ZR_MapPool::SetCreateFailure(X_MapFile* pMap) {
 
 bool ZR_MapPool::Retire(X_MapFile* pMap) {
     PoolLock lock(*this);
-    if (IndexOf(pMap) < 0 || pMap->m_bRetired)
+    if (IndexOf(pMap) < 0 || pMap->GetIsRetired())
         return false;
-    pMap->m_bRetired = true;
+    pMap->SetIsRetired();
     return true;
 }
 

@@ -353,7 +353,7 @@ int BuildingMapRefs(int iType) {
     g_MapPool.Lock();
     for (int i = 0; i < static_cast<int>(g_MapPool); ++i) {
         X_MapFile* p = g_MapPool(i);
-        if (p->GetMapType() == iType && !p->GetIsCreated() && !p->m_bRetired)
+        if (p->GetMapType() == iType && !p->GetIsCreated() && !p->GetIsRetired())
             iRefs = p->GetRefCount();
     }
     g_MapPool.Unlock();

@@ -18,12 +18,15 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <cwchar>
 #include <filesystem>
 #include <fstream>
 #include <memory>
 #include <set>
+#include <thread>
 #include <vector>
 
 namespace fs = std::filesystem;
@@ -162,6 +165,74 @@ TEST_F(BackupReads, DamagedExtentMapsOfRealBackupsNeverServeWrongPages) {
     // the backup does not hold.
     std::printf("maps rebuilt by a read: %d, reads failed: %d\n", iRebuilt, m_iFailed);
     EXPECT_GT(iRebuilt, 0);
+}
+
+// The places in an extent map file of its entries that name an extent.
+std::vector<size_t> EntryPlaces(const std::vector<uint8_t>& file) {
+    constexpr size_t kHeader = 24;
+    std::vector<size_t> a;
+    uint32_t iRows = 0;
+    std::memcpy(&iRows, file.data() + kHeader - 4, 4);
+    size_t at = kHeader;
+    for (uint32_t r = 0; r < iRows; ++r) {
+        uint32_t n = 0;
+        std::memcpy(&n, file.data() + at, 4);
+        at += 4;
+        for (uint32_t i = 0; i < n; ++i, at += 8)
+            if (std::any_of(file.begin() + at, file.begin() + at + 8, [](uint8_t c) { return c != 0; }))
+                a.push_back(at);
+    }
+    return a;
+}
+
+// Several threads read through one map whose entries of two extents were
+// swapped: each gets its pages; the map is found damaged and built again
+// once, while the others read on through it or wait for the new one.
+TEST_F(BackupReads, ThreadsReadingThroughADamagedMapAllGetTheirPagesFromOneRebuild) {
+    ZR_REQUIRE_TESTDATA();
+    constexpr int kThreads = 4;
+    fs::path p = *zrtest::TestDataFile("appveyor-lab/RestoreTimeClean/RestoreTimeClean.bak");
+    zrtest::NaiveRestore ref;
+    ASSERT_TRUE(ref.Apply({p})) << ref.Error();
+    const std::set<ExtentKey> allocated = Allocated(ref);
+    Access(p);
+    const fs::path xdm = MapFile(".xdm");
+    std::vector<uint8_t> bytes = zrtest::ReadFileBytes(xdm);
+    const std::vector<size_t> places = EntryPlaces(bytes);
+    ASSERT_GE(places.size(), 2u);
+    std::swap_ranges(bytes.begin() + places[0], bytes.begin() + places[0] + 8, bytes.begin() + places[1]);
+    std::ofstream(xdm, std::ios::binary | std::ios::trunc)
+        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+
+    auto b = Access(p);
+    const int iBuilds = ZR_Backup::ms_iExtentMapBuilds;
+    std::atomic<int> iWrong{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&] {
+            ZR_ReadAhead* pAhead = ZR_ReadAhead::Alloc();
+            std::vector<uint8_t> extent(ZR_EXTENT_SIZE);
+            for (ExtentKey x : allocated) {
+                const PageId first{x.second, x.first};
+                uint32_t iRead = 0;
+                pAhead->Reset();
+                const bool bRead = b->ReadPages(pAhead, extent.data(), b->LookupPage(first), first, ZR_EXTENT_SIZE,
+                                                IO_READ, &iRead);
+                for (uint32_t i = 0; i < ZR_PAGES_PER_EXTENT; ++i)
+                    if (!bRead || std::memcmp(extent.data() + i * ZR_PAGE_SIZE, ref.Page(x.first, x.second + i),
+                                              ZR_PAGE_SIZE) != 0)
+                        ++iWrong;
+            }
+            ZR_ReadAhead::Free(pAhead);
+        });
+    }
+    for (std::thread& t : threads)
+        t.join();
+    EXPECT_EQ(iWrong, 0) << zrtest::ErrorTextNarrow(L"rd");
+    EXPECT_EQ(ZR_Backup::ms_iExtentMapBuilds, iBuilds + 1) << "one rebuild";
+    const std::string errors = zrtest::ErrorTextNarrow(L"rd");
+    EXPECT_NE(errors.find("disagrees with the backup"), std::string::npos) << errors;
+    EXPECT_EQ(errors.find("disagrees with the backup"), errors.rfind("disagrees with the backup")) << errors;
 }
 
 }  // namespace
