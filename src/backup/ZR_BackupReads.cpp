@@ -262,11 +262,10 @@ bool ZR_Backup::ReadPagesAfterFault(ZR_ReadAhead* pAhead, void* pDest, PageId pa
     bool bRebuilt = false;
     for (int iTry = 0; iTry < kTries; ++iTry) {
         ZR_EMaps* pMap = ServingEMaps();
-        const std::string why = Describe(fault);
         if (pMap && Lookup(pMap, ExtentStart(fault.asked)).m_iEntry == fault.used.m_iEntry) {
             if (bRebuilt)
                 break;
-            if (!RebuildExtentMap(pMap, why.c_str())) {
+            if (!RebuildExtentMap(pMap, Describe(fault).c_str())) {
                 ZR_Error(m_wszKey, __FILE__, "ZR_Backup::ReadPages", __LINE__,
                          "The extent map of backup %S could not be built again; page %d:%u is not read.\n",
                          m_aFiles(0)->GetFileName(), static_cast<int>(pageId.m_iFileId), pageId.m_iPage);
@@ -279,7 +278,7 @@ bool ZR_Backup::ReadPagesAfterFault(ZR_ReadAhead* pAhead, void* pDest, PageId pa
             return v == ReadVerdict::Sound;
     }
     ZR_Error(m_wszKey, __FILE__, "ZR_Backup::ReadPages", __LINE__,
-             "Backup file %S disagrees with its extent map, built again from it, at %s.\n",
+             "Backup file %S disagrees with its extent map at %s.\n",
              m_aFiles(0)->GetFileName(), Describe(fault).c_str());
     return false;
 }
@@ -296,7 +295,7 @@ ZR_Backup::ReadVerdict ZR_Backup::RereadByExtent(ZR_ReadAhead* pAhead, void* pDe
         const ZR_EMap entry = LookupPage(page);
         if (!entry.HasCopy()) {
             ZR_Error(m_wszKey, __FILE__, "ZR_Backup::ReadPages", __LINE__,
-                     "Page %d:%u is not in backup file %S, by its extent map built again from it.\n",
+                     "Page %d:%u is not in backup file %S: its extent map, built again, holds no copy of it.\n",
                      static_cast<int>(page.m_iFileId), page.m_iPage, m_aFiles(0)->GetFileName());
             return ReadVerdict::Failed;
         }

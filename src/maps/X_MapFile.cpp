@@ -195,8 +195,10 @@ bool X_MapFile::ReadPreamble() {
 
 bool X_MapFile::OpenForMMF() {
     m_eMapPlug = X_MAPPLUG_MMF;
-    m_hFile = CreateFileW(m_wszMapFileName, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
-                          FILE_ATTRIBUTE_NORMAL, nullptr);
+    // Shared for deleting too: a map found damaged while its view is in use
+    // gives its name to the map built in its place (OpenForWrite).
+    m_hFile = CreateFileW(m_wszMapFileName, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
+                          OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (m_hFile != INVALID_HANDLE_VALUE) {
         m_FileHandleOpen = ZR_HandleTag(m_hFile);
         if (g_iTraceMode)
@@ -273,9 +275,9 @@ bool X_MapFile::OpenForWrite(X_MapLocale_e eLocale) {
     m_eMapPlug = X_MAPPLUG_STDIO;
     // A new file rather than the old one cut to nothing: a map may still be
     // mapped from the old file, here or in another process, and its view
-    // must keep its bytes.
-    DeleteFileW(m_wszMapFileName);
-    m_pFile = _wfopen(m_wszMapFileName, L"wb");
+    // must keep its bytes. A file that cannot go is not written over.
+    if (DeleteFileW(m_wszMapFileName) || GetFileAttributesW(m_wszMapFileName) == INVALID_FILE_ATTRIBUTES)
+        m_pFile = _wfopen(m_wszMapFileName, L"wb");
     m_iCurrOffset = m_iOffset;
     if (m_pFile && WritePreamble())
         return true;

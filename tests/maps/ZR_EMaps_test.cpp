@@ -247,6 +247,27 @@ TEST_F(ExtentMapFile, RowsRunToTheLastExtentHeldAndLongGapsAreHoles) {
     EXPECT_TRUE(again.Fetch(Page(3, (kFar + 1) * 8)).IsNone()) << "past the row's end: not in the backup";
 }
 
+// A map found damaged is built again and written under the same name while
+// reads still run through the view of the old file: the new file must not
+// be the old one cut and written over.
+TEST_F(ExtentMapFile, WritingAMapAgainLeavesTheViewOfTheOldFileAlone) {
+    WriteMap();
+    ZR_EMaps old;
+    Identify(old);
+    ASSERT_TRUE(old.Read());
+    ASSERT_EQ(old.GetMapPlug(), X_MAPPLUG_MMF);
+    ZR_EMaps again;
+    Identify(again);
+    again.Set(1, 0, 2, 0x70000, 0);
+    ASSERT_TRUE(again.Write());
+    EXPECT_EQ(old.Fetch(Page(1, 0)).GetOffset(), 0x10000u) << "the old view keeps its bytes";
+    ExpectWritten(old);
+    ZR_EMaps fresh;
+    Identify(fresh);
+    ASSERT_TRUE(fresh.Read());
+    EXPECT_EQ(fresh.Fetch(Page(1, 0)).GetOffset(), 0x70000u) << "a later read finds the new file";
+}
+
 TEST_F(ExtentMapFile, IncrementalMapLoadsOnlyInAnUpdateViewWhereSetsReachTheFile) {
     fs::path name = WriteMap(true);
     ZR_EMaps map;
