@@ -16,6 +16,7 @@
 #include "maps/ZR_EMaps.h"
 #include "maps/ZR_MapPool.h"
 #include "platform/FileCallsTesting.h"
+#include "support/BackupFixture.h"
 #include "support/ErrorText.h"
 #include "support/Manifest.h"
 #include "support/MtfWalker.h"
@@ -42,48 +43,9 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::string Errors() { return zrtest::ErrorTextNarrow(L"acc"); }
-
-class BackupAccess : public ::testing::Test {
+class BackupAccess : public zrtest::BackupFixture {
 protected:
-    void SetUp() override {
-        fs::create_directories(Maps());
-        std::wcsncpy(g_wszMapFilesFolder, Maps().wstring().c_str(), MAX_PATH - 1);
-        ZR_ClearErrors(L"acc");
-        m_pAhead = ZR_ReadAhead::Alloc();
-    }
-    void TearDown() override {
-        ZR_ReadAhead::Free(m_pAhead);
-        g_wszMapFilesFolder[0] = 0;
-        ZR_ClearErrors(L"acc");
-    }
-    fs::path Maps() const { return m_tmp / "maps"; }
-
-    int MapFiles(const char* ext) {
-        int n = 0;
-        for (auto& e : fs::directory_iterator(Maps()))
-            n += e.path().extension() == ext;
-        return n;
-    }
-
-    // A backup of the given files, not yet prepared.
-    static std::unique_ptr<ZR_Backup> Named(const std::vector<fs::path>& files) {
-        auto b = std::make_unique<ZR_Backup>(L"acc");
-        b->SetDataSetNumber(1);
-        for (auto& f : files)
-            b->AddFile(f.wstring().c_str(), nullptr, false);
-        return b;
-    }
-
-    // A backup of the given files, prepared and opened, with its extent map.
-    std::unique_ptr<ZR_Backup> Access(const std::vector<fs::path>& files, int iIndex = 0) {
-        auto b = Named(files);
-        int32_t v = 0;
-        EXPECT_TRUE(b->PrepareContent(&v)) << Errors();
-        EXPECT_TRUE(b->Open());
-        EXPECT_TRUE(b->PrepareAccess(iIndex)) << Errors();
-        return b;
-    }
+    BackupAccess() : BackupFixture(L"acc") {}
 
     // The eight pages of the extent from the backup's own map.
     std::vector<uint8_t> ReadExtent(ZR_Backup& b, ZR_EMap e, PageId first) {
@@ -135,8 +97,6 @@ protected:
             }
     }
 
-    zrtest::TempDir m_tmp;
-    ZR_ReadAhead* m_pAhead = nullptr;
 };
 
 TEST_F(BackupAccess, EveryFullBackupOfVersionsNineAndTenMapsTheExtentsOfTheNaiveRestore) {
@@ -188,8 +148,8 @@ TEST_F(BackupAccess, ADifferentialMapsOnlyItsOwnExtentsAndALogHasNoMap) {
 
     auto log = Access({*zrtest::TestDataFile("appveyor-lab/RestoreTimeClean/RestoreTimeClean_1.trn")}, 2);
     EXPECT_EQ(log->m_pEMaps, nullptr);
-    EXPECT_EQ(MapFiles(".xdm"), 1) << "only the differential's";
-    EXPECT_EQ(MapFiles(".xbm"), 0) << "backup maps are never written";
+    EXPECT_EQ(MapFiles(".xdm").size(), 1u) << "only the differential's";
+    EXPECT_EQ(MapFiles(".xbm").size(), 0u) << "backup maps are never written";
 }
 
 TEST_F(BackupAccess, AMapIsBuiltOnceThenSharedOrReadAndRebuiltWhenDamaged) {
@@ -210,11 +170,8 @@ TEST_F(BackupAccess, AMapIsBuiltOnceThenSharedOrReadAndRebuiltWhenDamaged) {
         EXPECT_EQ(later->m_pEMaps->GetMapLocale(), X_MAPLOCALE_CACHED);
         ExpectMapMatches(*later, ref);
     }
-    fs::path xdm;
-    for (auto& e : fs::directory_iterator(Maps()))
-        if (e.path().extension() == ".xdm")
-            xdm = e.path();
-    ASSERT_FALSE(xdm.empty());
+    ASSERT_EQ(MapFiles(".xdm").size(), 1u);
+    const fs::path xdm = MapFiles(".xdm")[0];
     // A row count that the file cannot hold, then a file cut short.
     for (int damage = 0; damage < 2; ++damage) {
         SCOPED_TRACE(damage);
@@ -268,26 +225,21 @@ TEST_F(BackupAccess, AReadErrorInTheWalkFailsTheBuildAndLeavesNoMapFile) {
     fs::path p = m_tmp / "cut.bak";
     ASSERT_TRUE(writer.Write(p)) << writer.Error();
     {
-        auto b = std::make_unique<ZR_Backup>(L"acc");
-        b->SetDataSetNumber(1);
-        b->AddFile(p.wstring().c_str(), nullptr, false);
         int32_t v = 0;
-        ASSERT_TRUE(b->PrepareContent(&v)) << Errors();  // the content map is now a file
+        ASSERT_TRUE(Named({p})->PrepareContent(&v)) << Errors();  // the content map is now a file
     }
     // Cut the file in the middle of its data: the content map still reads,
     // the walk of the extents cannot.
     const auto& extents = writer.Stripes()[0].extents;
     fs::resize_file(p, extents[extents.size() / 2].offset + 100);
-    auto b = std::make_unique<ZR_Backup>(L"acc");
-    b->SetDataSetNumber(1);
-    b->AddFile(p.wstring().c_str(), nullptr, false);
+    auto b = Named({p});
     int32_t v = 0;
     ASSERT_TRUE(b->PrepareContent(&v)) << Errors();
     ASSERT_TRUE(b->Open());
     EXPECT_FALSE(b->PrepareAccess(0));
     EXPECT_NE(Errors().find("MTF Error: MQDA."), std::string::npos) << Errors();
     EXPECT_EQ(b->m_pEMaps, nullptr);
-    EXPECT_EQ(MapFiles(".xdm"), 0);
+    EXPECT_EQ(MapFiles(".xdm").size(), 0u);
 }
 
 // A recorded data file size is what the backup says, not what it holds: up
@@ -328,12 +280,9 @@ TEST_F(BackupAccess, ARecordedDataFileSizeCostsNothingUpTo16TBAndIsRefusedBeyond
         EXPECT_NE(errors.find("data file 1"), std::string::npos) << errors;
         ZR_ClearErrors(L"acc");
     }
-    for (auto& e : fs::directory_iterator(Maps())) {
-        if (e.path().extension() == ".xdm") {
-            EXPECT_LT(fs::file_size(e.path()), 4096u) << "a row runs to the last extent held";
-        }
-    }
-    EXPECT_EQ(MapFiles(".xdm"), 2);
+    ASSERT_EQ(MapFiles(".xdm").size(), 2u);
+    for (const fs::path& xdm : MapFiles(".xdm"))
+        EXPECT_LT(fs::file_size(xdm), 4096u) << "a row runs to the last extent held";
 }
 
 // Whatever a map's creator throws, the map ends failed: a mount that waits

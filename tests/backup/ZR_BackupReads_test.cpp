@@ -9,6 +9,7 @@
 
 #include "diag/ZR_Error.h"
 #include "maps/ZR_EMaps.h"
+#include "support/BackupFixture.h"
 #include "support/ByteDamage.h"
 #include "support/ErrorText.h"
 #include "support/MtfWalker.h"
@@ -44,35 +45,9 @@ struct Shape {
 };
 constexpr Shape kShapes[] = {{0, 8}, {3, 2}};
 
-class BackupReads : public ::testing::Test {
+class BackupReads : public zrtest::BackupFixture {
 protected:
-    void SetUp() override {
-        fs::create_directories(m_tmp / "maps");
-        std::wcsncpy(g_wszMapFilesFolder, (m_tmp / "maps").wstring().c_str(), MAX_PATH - 1);
-        ZR_ClearErrors(L"rd");
-        m_pAhead = ZR_ReadAhead::Alloc();
-    }
-    void TearDown() override {
-        ZR_ReadAhead::Free(m_pAhead);
-        g_wszMapFilesFolder[0] = 0;
-        ZR_ClearErrors(L"rd");
-    }
-
-    std::unique_ptr<ZR_Backup> Access(const fs::path& p) {
-        auto b = std::make_unique<ZR_Backup>(L"rd");
-        b->SetDataSetNumber(1);
-        b->AddFile(p.wstring().c_str(), nullptr, false);
-        int32_t v = 0;
-        EXPECT_TRUE(b->PrepareContent(&v) && b->Open() && b->PrepareAccess(0)) << zrtest::ErrorTextNarrow(L"rd");
-        return b;
-    }
-
-    fs::path MapFile(const char* ext) const {
-        for (auto& e : fs::directory_iterator(m_tmp / "maps"))
-            if (e.path().extension() == ext)
-                return e.path();
-        return {};
-    }
+    BackupReads() : BackupFixture(L"rd") {}
 
     // The extents the reference holds as allocated, which a map must have.
     static std::set<ExtentKey> Allocated(const zrtest::NaiveRestore& ref) {
@@ -105,11 +80,11 @@ protected:
                 const PageId first{x.second + s.iFrom, x.first};
                 uint32_t iRead = 0;
                 m_pAhead->Reset();
-                ZR_ClearErrors(L"rd");
+                ZR_ClearErrors(m_wszKey);
                 // Asked again for each read: a rebuild may have replaced the map.
                 if (!b.ReadPages(m_pAhead, bytes.data(), b.LookupPage(first), first, s.iPages * ZR_PAGE_SIZE,
                                  IO_READ, &iRead)) {
-                    EXPECT_FALSE(zrtest::ErrorTextNarrow(L"rd").empty()) << "a read fails with a message";
+                    EXPECT_FALSE(Errors().empty()) << "a read fails with a message";
                     ++m_iFailed;
                     continue;
                 }
@@ -123,9 +98,7 @@ protected:
         }
     }
 
-    zrtest::TempDir m_tmp;
     int m_iFailed = 0;
-    ZR_ReadAhead* m_pAhead = nullptr;
 };
 
 TEST_F(BackupReads, DamagedExtentMapsOfRealBackupsNeverServeWrongPages) {
@@ -139,9 +112,9 @@ TEST_F(BackupReads, DamagedExtentMapsOfRealBackupsNeverServeWrongPages) {
         zrtest::NaiveRestore ref;
         ASSERT_TRUE(ref.Apply({p})) << ref.Error();
         const std::set<ExtentKey> allocated = Allocated(ref);
-        Access(p);  // writes the map file
-        const fs::path xdm = MapFile(".xdm");
-        ASSERT_FALSE(xdm.empty());
+        Access({p});  // writes the map file
+        ASSERT_EQ(MapFiles(".xdm").size(), 1u);
+        const fs::path xdm = MapFiles(".xdm")[0];
         const std::vector<uint8_t> good = zrtest::ReadFileBytes(xdm);
         for (int i = 0; i < kTries; ++i) {
             SCOPED_TRACE(i);
@@ -150,7 +123,7 @@ TEST_F(BackupReads, DamagedExtentMapsOfRealBackupsNeverServeWrongPages) {
             std::ofstream(xdm, std::ios::binary | std::ios::trunc)
                 .write(reinterpret_cast<const char*>(bad.data()), static_cast<std::streamsize>(bad.size()));
             const int iBuilds = ZR_Backup::ms_iExtentMapBuilds;
-            auto b = Access(p);
+            auto b = Access({p});
             ASSERT_NE(b->m_pEMaps, nullptr) << "a damaged map is built again";
             const int iReadBuilds = ZR_Backup::ms_iExtentMapBuilds - iBuilds;
             ReadEverything(*b, ref, allocated);
@@ -195,8 +168,9 @@ TEST_F(BackupReads, ThreadsReadingThroughADamagedMapAllGetTheirPagesFromOneRebui
     zrtest::NaiveRestore ref;
     ASSERT_TRUE(ref.Apply({p})) << ref.Error();
     const std::set<ExtentKey> allocated = Allocated(ref);
-    Access(p);
-    const fs::path xdm = MapFile(".xdm");
+    Access({p});
+    ASSERT_EQ(MapFiles(".xdm").size(), 1u);
+    const fs::path xdm = MapFiles(".xdm")[0];
     std::vector<uint8_t> bytes = zrtest::ReadFileBytes(xdm);
     const std::vector<size_t> places = EntryPlaces(bytes);
     ASSERT_GE(places.size(), 2u);
@@ -204,7 +178,7 @@ TEST_F(BackupReads, ThreadsReadingThroughADamagedMapAllGetTheirPagesFromOneRebui
     std::ofstream(xdm, std::ios::binary | std::ios::trunc)
         .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
 
-    auto b = Access(p);
+    auto b = Access({p});
     const int iBuilds = ZR_Backup::ms_iExtentMapBuilds;
     std::atomic<int> iWrong{0};
     std::vector<std::thread> threads;
@@ -228,9 +202,9 @@ TEST_F(BackupReads, ThreadsReadingThroughADamagedMapAllGetTheirPagesFromOneRebui
     }
     for (std::thread& t : threads)
         t.join();
-    EXPECT_EQ(iWrong, 0) << zrtest::ErrorTextNarrow(L"rd");
+    EXPECT_EQ(iWrong, 0) << Errors();
     EXPECT_EQ(ZR_Backup::ms_iExtentMapBuilds, iBuilds + 1) << "one rebuild";
-    const std::string errors = zrtest::ErrorTextNarrow(L"rd");
+    const std::string errors = Errors();
     EXPECT_NE(errors.find("disagrees with the backup"), std::string::npos) << errors;
     EXPECT_EQ(errors.find("disagrees with the backup"), errors.rfind("disagrees with the backup")) << errors;
 }
