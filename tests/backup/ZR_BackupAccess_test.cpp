@@ -292,7 +292,7 @@ TEST_F(BackupAccess, ARecordedDataFileSizeCostsNothingUpTo16TBAndIsRefusedBeyond
 // extent map run on several threads, whose exceptions reach the builder.
 namespace creators {
 
-std::thread::id g_waiter;                    // whose reads pass
+std::atomic<std::thread::id> g_waiter;       // whose reads pass
 std::atomic<int> g_iType{0};                 // the map type whose build throws; 0: none
 decltype(FileCalls::ReadFile) g_pfnRead = nullptr;
 
