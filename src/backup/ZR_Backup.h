@@ -30,7 +30,7 @@
 class ZR_CMaps;
 class ZR_EMaps;
 class ZR_BMaps;
-struct ZR_EMap;             // maps/ZR_EMaps.h
+struct ZR_EMap;             // maps/ZR_EMap.h
 struct ZR_StripeLocation;   // maps/ZR_CMaps.h
 struct ZR_PageFault;        // backup/ZR_BackupReads.cpp
 
@@ -202,9 +202,9 @@ private:
                              uint32_t* piRead, ZR_PageFault fault);
     ReadVerdict RereadByExtent(ZR_ReadAhead* pAhead, void* pDest, PageId pageId, uint32_t iLen, ZR_IO_e eIO,
                                uint32_t* piRead, ZR_PageFault* pFault);
+    char BackupType();
 
     int32_t m_iAccessIndex = 0;               // the backup's place in the mount, from PrepareAccess
     CRITICAL_SECTION m_csExtentMap;           // one rebuild of the extent map at a time
     std::vector<ZR_EMaps*> m_aRetiredEMaps;   // references to maps replaced, under m_csExtentMap
-    char BackupType();
 };
