@@ -26,6 +26,7 @@ const char* ZR_ServerVersionName(int iVersion) {
 ZR_Backup::ZR_Backup(const wchar_t* wszKey)
     : m_pCMaps(new ZR_CMaps()), m_bOwnsCMaps(true), m_wszKey(wszKey ? _wcsdup(wszKey) : nullptr) {
     InitializeCriticalSection(&m_csNextFile);
+    InitializeCriticalSection(&m_csExtentMap);
 }
 
 ZR_Backup::~ZR_Backup() {
@@ -39,6 +40,7 @@ ZR_Backup::~ZR_Backup() {
         g_MapPool.Release(m_pCMaps);
     m_pCMaps = nullptr;
     DeleteCriticalSection(&m_csNextFile);
+    DeleteCriticalSection(&m_csExtentMap);
     free(m_wszKey);
 }
 
@@ -287,18 +289,28 @@ bool ZR_Backup::PrepareContent(int32_t* piVersion) {
                  "No file of data set %d is a backup of a supported format.\n", iDataSet);
         return false;
     }
-    bool bBuilder = !m_pCMaps->GetIsCreated();
-    // Another object built the map: only the views are this object's own.
-    if (!bBuilder && (!FilesHoldTheirMap() || !ZR_ScanVirtualizeBackup::Run(this)))
-        return false;
-    if (bBuilder) {
+    const bool bBuilder = !m_pCMaps->GetIsCreated();
+    if (!bBuilder)
+        return UseSharedContentMap(piVersion);
+    // Whatever the build throws, the map ends failed, so that the mounts
+    // waiting for it wake; the exception goes on.
+    try {
         bool bMapped = false;
-        if (!BuildContentMap(&bMapped))
+        if (!BuildContentMap(&bMapped) || !m_pCMaps->m_ConfigMSCI.m_pConfig || !CheckVersion(piVersion))
             return FailContent(true);
+    } catch (...) {
+        FailContent(true);
+        throw;
     }
+    g_MapPool.SetCreateSuccess(m_pCMaps);
+    return true;
+}
+
+// Another object built the map: only the views are this object's own.
+bool ZR_Backup::UseSharedContentMap(int32_t* piVersion) {
+    if (!FilesHoldTheirMap() || !ZR_ScanVirtualizeBackup::Run(this))
+        return false;
     if (!m_pCMaps->m_ConfigMSCI.m_pConfig || !CheckVersion(piVersion))
-        return FailContent(bBuilder);
-    if (bBuilder)
-        g_MapPool.SetCreateSuccess(m_pCMaps);
+        return FailContent(false);
     return true;
 }
