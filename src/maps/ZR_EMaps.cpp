@@ -12,8 +12,6 @@ constexpr int kVersionWithBackend = 2;
 constexpr uint32_t kPageIdOffset = 32;  // in a page header
 constexpr uint64_t kTraceFlagExtentMap = 32;
 
-// Backend 3 is read and written like a native backup.
-int NormalBackend(int iBackend) { return iBackend == 3 ? ZR_BACKEND_MTF : iBackend; }
 
 // One of the three texts of an entry, chosen the same way for lookups and
 // stores: by a zero offset, by -1, or the location itself.
@@ -79,7 +77,7 @@ bool ZR_EMaps::ReadContent(bool bUpdate) {
     if (m_iFileVersion >= kVersionWithBackend) {
         int32_t iBackend = 0;
         uint32_t iFlag = 0;
-        if (!Read(&iBackend, 4, 1) || NormalBackend(iBackend) != NormalBackend(m_eBackend) || !Read(&iFlag, 4, 1))
+        if (!Read(&iBackend, 4, 1) || X_MapBackend(iBackend) != X_MapBackend(m_eBackend) || !Read(&iFlag, 4, 1))
             return false;
         bIncremental = iFlag != 0;
     } else if (m_iFileVersion != 1) {
