@@ -12,7 +12,6 @@ constexpr int kVersionWithBackend = 2;
 constexpr uint32_t kPageIdOffset = 32;  // in a page header
 constexpr uint64_t kTraceFlagExtentMap = 32;
 
-
 // One of the three texts of an entry, chosen the same way for lookups and
 // stores: by a zero offset, by -1, or the location itself.
 struct EntryTexts {
