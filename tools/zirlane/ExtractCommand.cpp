@@ -20,6 +20,7 @@
 #include "backup/ZR_Backup.h"
 #include "backup/ZR_ScanFull.h"
 #include "diag/ZR_Error.h"
+#include "engine/ZR_ChainCheck.h"
 #include "maps/ZR_CMaps.h"
 #include "maps/ZR_EMaps.h"
 
@@ -69,18 +70,6 @@ std::unique_ptr<ZR_Backup> PrepareBackup(const std::vector<std::string>& aFiles,
               ZR_Backup::ms_iExtentMapBuilds != iBuilds);
     ZirlaneStepSucceeded();
     return b;
-}
-
-// A differential serves only the full backup it was taken over: its base
-// is the full backup's checkpoint.
-bool DiffBelongsToFull(ZR_Backup& full, ZR_Backup& diff) {
-    const SQL_CONFIG_INFO_V7* f = full.m_pCMaps->m_ConfigMSCI.m_pConfig;
-    const SQL_CONFIG_INFO_V7* d = diff.m_pCMaps->m_ConfigMSCI.m_pConfig;
-    if (CompareLSN(d->m_differential_base_lsn, f->m_checkpoint_lsn) == 0) return true;
-    return ZirlaneFail(__FILE__, __LINE__,
-                       "The differential backup (base LSN %s) was not taken over this full backup (checkpoint LSN "
-                       "%s).\n",
-                       ZirlaneLsn(d->m_differential_base_lsn).c_str(), ZirlaneLsn(f->m_checkpoint_lsn).c_str());
 }
 
 // The data files of a configuration; the sizes of a later one (the
@@ -252,7 +241,8 @@ bool RunExtract(const ExtractOptions& options) {
     std::unique_ptr<ZR_Backup> diff;
     if (!options.aDiff.empty()) {
         diff = PrepareBackup(options.aDiff, options.iDiffDataSet, 1, &iVersion);
-        if (!diff || !DiffBelongsToFull(*full, *diff)) return false;
+        ZR_Backup* aChain[] = {full.get(), diff.get()};
+        if (!diff || !ZR_CheckChain(aChain, 2, kKey)) return false;
     }
     return ExtractFiles(options, *full, diff.get());
 }
