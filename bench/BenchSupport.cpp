@@ -110,12 +110,22 @@ bool ReadPlainPage(HANDLE h, uint64_t iFileOfs, void* pBuffer) {
            (GetLastError() == ERROR_IO_PENDING && GetOverlappedResult(h, &o, &iRead, TRUE));
 }
 
-double PeakRssMiB() {
+void ResetPeakRss() { std::ofstream("/proc/self/clear_refs") << "5"; }
+
+namespace {
+
+// A field of /proc/self/status, in kB there.
+double StatusMiB(const std::string& strField) {
     std::ifstream status("/proc/self/status");
     for (std::string line; std::getline(status, line);)
-        if (line.rfind("VmHWM:", 0) == 0)
-            return std::atof(line.c_str() + 6) / 1024;  // in kB
+        if (line.rfind(strField, 0) == 0) return std::atof(line.c_str() + strField.size()) / 1024;
     return 0;
 }
+
+}  // namespace
+
+double PeakRssMiB() { return StatusMiB("VmHWM:"); }
+
+double RssMiB() { return StatusMiB("VmRSS:"); }
 
 }  // namespace zrbench

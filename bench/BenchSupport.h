@@ -55,5 +55,10 @@ bool ReadPlainPage(HANDLE h, uint64_t iFileOfs, void* pBuffer);
 
 // The peak resident memory of the process in MiB, 0 when unknown.
 double PeakRssMiB();
+// The resident memory of the process now, in MiB.
+double RssMiB();
+// Starts the peak over from what the process holds now (Linux 4.0 and
+// later), so that PeakRssMiB tells the peak of what follows.
+void ResetPeakRss();
 
 }  // namespace zrbench
