@@ -13,6 +13,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <functional>
 #include <future>
 #include <map>
 #include <mutex>
@@ -31,6 +32,7 @@
 #include "support/ErrorText.h"
 #include "support/PageFormat.h"
 #include "support/PosixFileIo.h"
+#include "support/ServiceMount.h"
 #include "support/SqlServerEmulator.h"
 #include "support/TestData.h"
 #include "zirlane/zirlane.h"
@@ -66,8 +68,6 @@ std::vector<fs::path> Paths(const std::vector<std::string>& files) {
     for (const std::string& f : files) paths.push_back(TestDataFile(f).value());
     return paths;
 }
-
-std::string Narrow(const std::wstring& str) { return std::string(str.begin(), str.end()); }
 
 // The data files' sizes as the chain's last data backup records them.
 std::map<std::uint16_t, std::uint64_t> RecordedSizes(const Chain& chain) {
@@ -209,19 +209,26 @@ private:
     }
 };
 
+MountRequest Request(const Chain& chain) {
+    return MountRequest{.full = Paths(chain.full),
+                        .diff = Paths(chain.diff),
+                        .logs = Paths(chain.logs),
+                        .wszStop = chain.wszStop,
+                        .iDataSet = chain.iDataSet,
+                        .wszWith = chain.wszWith};
+}
+
 class DriverMount : public testing::Test {
 protected:
     void SetUp() override {
         ZR_REQUIRE_TESTDATA();
+        // In a process of its own, the one handle left is the error chain's
+        // mutex, made at load.
         m_iHandles = zr::platform::testing::OpenHandleCount();
-        for (const char* szFolder : {"sparse", "maps"}) fs::create_directory(m_dir / szFolder);
-        // As a service starts: the library (which starts the embedded
-        // driver), then the folders, then the operation service.
-        ASSERT_TRUE(InitializeZR(0));
-        ASSERT_TRUE(ZR::SetVDBFolders((m_dir / "sparse").wstring().c_str(), (m_dir / "maps").wstring().c_str()));
-        ASSERT_TRUE(InitializeIOOperations(m_dir.path().wstring().c_str()));
+        std::string strError;
+        ASSERT_TRUE(StartService(m_dir.path(), &strError)) << strError;
         m_pHost = ZR_FilterDriver::Host();
-        ASSERT_TRUE(m_pHost) << "InitializeZR starts the embedded driver";
+        ASSERT_TRUE(m_pHost);
         m_pIo = std::make_unique<DriverHostFileIo>(m_pHost);
         m_pSql = std::make_unique<SqlServerEmulator>(*m_pIo);
         m_bUp = true;
@@ -230,54 +237,20 @@ protected:
         m_pSql.reset();
         m_pIo.reset();
         m_pHost.reset();
-        if (m_pInfo) FreeMountInfo(m_pInfo);
-        ZR::UninitializeForExit();
-        ZR_FilterDriver::Stop();
+        StopService();
         zr::platform::testing::RestoreFileCalls();
-        ZR::SetVDBFolders(L"", L"");
-        ZR_ClearErrors(m_strKey.c_str());
+        ZR_ClearErrors(m_mount.Key().c_str());
         ZR_ClearErrors(nullptr);
         if (m_bUp) {
             EXPECT_EQ(zr::platform::testing::OpenHandleCount(), m_iHandles) << "a handle of the mount is left";
         }
     }
 
-    // The request as a service builds it, mounted by WrapMount.
-    bool Mount(const Chain& chain) {
-        m_pInfo = AllocateMountInfo();
-        BuildBackupInfoFromSet(m_pInfo, 1, chain.iDataSet, nullptr, nullptr);
-        for (const fs::path& f : Paths(chain.full)) AddBackupSetFilename(m_pInfo, L"Full", f.wstring().c_str());
-        if (!chain.diff.empty()) BuildBackupInfoFromSet(m_pInfo, 2, 1, nullptr, nullptr);
-        for (const fs::path& f : Paths(chain.diff)) AddBackupSetFilename(m_pInfo, L"Diff", f.wstring().c_str());
-        for (const fs::path& f : Paths(chain.logs)) {
-            BuildBackupInfoFromSet(m_pInfo, 3, 1, nullptr, nullptr);
-            AddBackupSetFilename(m_pInfo, L"Log", f.wstring().c_str());
-        }
-        SetTargetDatabase(m_pInfo, L"Copy");
-        SetFilterDrive(m_pInfo, L"C:\\");
-        if (chain.wszStop) {
-            EXPECT_TRUE(SetStop(m_pInfo, chain.wszStop));
-        }
-        if (chain.wszWith) AddWith(m_pInfo, 1, chain.wszWith);
-        wchar_t wszKey[300] = {};
-        const bool bMounted = WrapMount(m_pInfo, wszKey, 299);
-        m_strKey = wszKey;
-        if (!bMounted) ADD_FAILURE() << ErrorTextNarrow(wszKey) << ErrorTextNarrow(nullptr);
-        return bMounted;
-    }
+    void EndUnderQueuedReads(const std::function<void()>& end, ZR_HostStatus iAfter);
 
-    // Runs every statement of the mount, then opens the data files.
-    bool RestoreAll() {
-        for (int i = 0; i < GetNumSQL(m_pInfo); ++i) {
-            std::vector<wchar_t> sql(static_cast<size_t>(GetSQLSize(m_pInfo, i)) + 64, L'\0');
-            GetSQL(m_pInfo, i, sql.data(), static_cast<unsigned>(sql.size() - 1));
-            if (!m_pSql->Restore(sql.data())) {
-                ADD_FAILURE() << "statement " << i << ": " << m_pSql->Error() << "\n" << Narrow(sql.data());
-                return false;
-            }
-        }
-        if (m_pSql->OpenDataFiles()) return true;
-        ADD_FAILURE() << m_pSql->Error();
+    bool MountAndRestore(const Chain& chain) {
+        if (m_mount.Mount(Request(chain)) && m_mount.Restore(*m_pSql)) return true;
+        ADD_FAILURE() << m_mount.Error();
         return false;
     }
 
@@ -287,8 +260,7 @@ protected:
     std::shared_ptr<ZR_DriverHost> m_pHost;
     std::unique_ptr<DriverHostFileIo> m_pIo;
     std::unique_ptr<SqlServerEmulator> m_pSql;
-    ZR_MountInfo* m_pInfo = nullptr;
-    std::wstring m_strKey;
+    ServiceMount m_mount;
 };
 
 // ---------------------------------------------------------------------------
@@ -301,8 +273,7 @@ TEST_P(EveryChain, ServesEveryPageOfItsDataFilesFromTheBackups) {
     const Chain& chain = GetParam();
     const ChainReference reference(Paths(chain.full), Paths(chain.diff), chain.iDataSet);
     ASSERT_EQ(reference.Error(), "");
-    ASSERT_TRUE(Mount(chain));
-    ASSERT_TRUE(RestoreAll());
+    ASSERT_TRUE(MountAndRestore(chain));
     EXPECT_EQ(m_pSql->ViewsRead().size(), chain.full.size() + chain.diff.size() + chain.logs.size());
 
     const auto sizes = RecordedSizes(chain);
@@ -372,8 +343,7 @@ bool WaitUntil(Condition bHolds) {
 
 TEST_F(DriverMount, AReadOfAnAbsentPageGoesThroughLiveIOAndIsKept) {
     const ChainReference reference(Paths(kCleanFull.full), {});
-    ASSERT_TRUE(Mount(kCleanFull));
-    ASSERT_TRUE(RestoreAll());
+    ASSERT_TRUE(MountAndRestore(kCleanFull));
     ASSERT_NE(reference.ExpectedPage(1, 8), nullptr) << "page 8 is the backup's, behind the extent the restore wrote";
     EnableServiceTrace(1);
     ASSERT_TRUE(EnableDriverTrace());
@@ -415,8 +385,7 @@ TEST_F(DriverMount, AReadOfAnAbsentPageGoesThroughLiveIOAndIsKept) {
 
 TEST_F(DriverMount, EightReadersOfRandomPagesEachGetTheirOwnPages) {
     const ChainReference reference(Paths(kCleanDiff.full), Paths(kCleanDiff.diff));
-    ASSERT_TRUE(Mount(kCleanDiff));
-    ASSERT_TRUE(RestoreAll());
+    ASSERT_TRUE(MountAndRestore(kCleanDiff));
     std::uint64_t iSize = 0;
     ASSERT_EQ(m_pSql->DataFileSize(1, &iSize), 0);
     const auto iPages = static_cast<std::uint32_t>(iSize / kPageSize);
@@ -438,8 +407,7 @@ TEST_F(DriverMount, EightReadersOfRandomPagesEachGetTheirOwnPages) {
 TEST_F(DriverMount, ABackupReadThatFailsFailsTheLiveReadAndNamesFileAndOffset) {
     const ChainReference reference(Paths(kCleanFull.full), {});
     BackupReads::Install("RestoreTimeClean.bak");
-    ASSERT_TRUE(Mount(kCleanFull));
-    ASSERT_TRUE(RestoreAll());
+    ASSERT_TRUE(MountAndRestore(kCleanFull));
     BackupReads::Set(BackupReads::kFail);
     std::vector<std::uint8_t> buffer(kPageSize);
     std::uint32_t cb = 0;
@@ -448,23 +416,22 @@ TEST_F(DriverMount, ABackupReadThatFailsFailsTheLiveReadAndNamesFileAndOffset) {
     ASSERT_EQ(read.wait_for(kPatience), std::future_status::ready) << "the read hangs";
     const std::int32_t iStatus = read.get();
     EXPECT_EQ(ZR_HostStatusToErrno(iStatus), EIO) << std::hex << iStatus;
-    const std::string strErrors = ErrorTextNarrow(m_strKey.c_str());
+    const std::string strErrors = ErrorTextNarrow(m_mount.Key().c_str());
     EXPECT_NE(strErrors.find("RestoreTimeClean.bak at offset "), std::string::npos) << strErrors;
 
     BackupReads::Set(BackupReads::kPass);
     EXPECT_EQ(ReadAndCheck(*m_pSql, reference, 1, 16, 1, buffer), "") << "the failed read kept nothing";
 }
 
-TEST_F(DriverMount, RemoveEndsEveryReadQueuedForTheMount) {
+// Each live I/O thread waits in a backup read and the other reads wait in
+// the queue when the mount ends; every read is still served, and the reads
+// that come after get iAfter at once.
+void DriverMount::EndUnderQueuedReads(const std::function<void()>& end, ZR_HostStatus iAfter) {
     const ChainReference reference(Paths(kCleanFull.full), {});
     BackupReads::Install("RestoreTimeClean.bak");
-    ASSERT_TRUE(Mount(kCleanFull));
-    ASSERT_TRUE(RestoreAll());
-    ZR_Database* pDB = ZR::FindDatabase(m_strKey.c_str());
+    ASSERT_TRUE(MountAndRestore(kCleanFull));
+    ZR_Database* pDB = ZR::FindDatabase(m_mount.Key().c_str());
     ASSERT_NE(pDB, nullptr);
-
-    // Each live I/O thread waits in a backup read, the other reads wait in
-    // the queue; Remove comes meanwhile.
     BackupReads::Set(BackupReads::kHold);
     constexpr int kReads = 8;
     std::vector<std::future<std::string>> reads;
@@ -475,19 +442,26 @@ TEST_F(DriverMount, RemoveEndsEveryReadQueuedForTheMount) {
         }));
     ASSERT_TRUE(WaitUntil([&] { return pDB->m_iLiveIOsQueued == kReads; }));
     ASSERT_TRUE(BackupReads::WaitHeld(1));
-    auto remove = std::async(std::launch::async, [&] { ZR::GetZR()->Remove(m_strKey.c_str()); });
-    ASSERT_TRUE(WaitUntil([&] { return pDB->m_bLiveIOStopping.load(); }));
+    auto ending = std::async(std::launch::async, end);
+    ASSERT_TRUE(WaitUntil([&] { return pDB->m_bLiveIOStopping.load(); }));  // the database stands until the reads end
     BackupReads::Set(BackupReads::kPass);
 
-    ASSERT_EQ(remove.wait_for(kPatience), std::future_status::ready) << "Remove hangs";
+    ASSERT_EQ(ending.wait_for(kPatience), std::future_status::ready) << "the end of the mount hangs";
     for (auto& read : reads) {
         ASSERT_EQ(read.wait_for(kPatience), std::future_status::ready) << "a held read never ended";
         EXPECT_EQ(read.get(), "") << "a queued read is served before the backups close";
     }
     std::vector<std::uint8_t> buffer(kPageSize);
     std::uint32_t cb = 0;
-    EXPECT_EQ(m_pSql->ReadData(1, 200 * kPageSize, buffer.data(), kPageSize, &cb), kHostInvalidHandle)
-        << "the mount is gone";
+    EXPECT_EQ(m_pSql->ReadData(1, 200 * kPageSize, buffer.data(), kPageSize, &cb), iAfter) << "the mount is gone";
+}
+
+TEST_F(DriverMount, RemoveServesEveryReadQueuedForTheMount) {
+    EndUnderQueuedReads([&] { ZR::GetZR()->Remove(m_mount.Key().c_str()); }, kHostInvalidHandle);
+}
+
+TEST_F(DriverMount, TheEndOfTheServiceServesEveryQueuedReadBeforeItsPortsClose) {
+    EndUnderQueuedReads(&ZR::UninitializeForExit, kHostNotConnected);
 }
 
 // The first .bxk name of statement i.
@@ -500,8 +474,8 @@ std::wstring ViewName(ZR_MountInfo* pInfo, unsigned i) {
 }
 
 TEST_F(DriverMount, RequestsTheLibraryDoesNotKnowGetTheAnswersOfItsFileOperations) {
-    ASSERT_TRUE(Mount(kCleanFull));
-    const std::wstring strView = ViewName(m_pInfo, 0);
+    ASSERT_TRUE(m_mount.Mount(Request(kCleanFull))) << m_mount.Error();
+    const std::wstring strView = ViewName(m_mount.Info(), 0);
     SqlHandle hView = 0;
     ASSERT_EQ(m_pIo->Open(strView, false, &hView), 0);
     std::wstring strUpper = strView;

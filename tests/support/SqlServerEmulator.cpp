@@ -3,17 +3,12 @@
 #include <cstdio>
 #include <cwctype>
 
+#include "support/ErrorText.h"
 #include "support/PageFormat.h"
 
 namespace zrtest {
 
 namespace {
-
-std::string Narrow(const std::wstring& str) {
-    std::string out;
-    for (wchar_t c : str) out += c < 128 ? static_cast<char>(c) : '?';
-    return out;
-}
 
 std::wstring Wide(const std::string& str) { return std::wstring(str.begin(), str.end()); }
 
@@ -111,17 +106,16 @@ private:
 
 struct RestoreStatement {
     std::vector<std::wstring> disks;
-    std::map<std::wstring, std::wstring> moves;  // logical name in lower case -> target
-    int iFile = 1;
+    RestoreOptions options;
 };
 
 bool ReadOption(TokenReader& r, RestoreStatement* pStatement) {
     if (r.Word(L"MOVE")) {
         std::wstring strLogical, strTarget;
         if (!r.String(&strLogical) || !r.Word(L"TO") || !r.String(&strTarget)) return false;
-        pStatement->moves[Lower(strLogical)] = strTarget;
+        pStatement->options.moves[Lower(strLogical)] = strTarget;
     } else if (r.Word(L"FILE")) {
-        if (!r.Punctuation(L'=') || !r.Number(&pStatement->iFile)) return false;
+        if (!r.Punctuation(L'=') || !r.Number(&pStatement->options.iFile)) return false;
     } else {
         r.SkipOption();
     }
@@ -167,22 +161,32 @@ bool SqlServerEmulator::Restore(const std::wstring& strStatement) {
     RestoreStatement statement;
     if (!ParseRestore(strStatement, &statement)) return Fail("not a RESTORE statement: " + Narrow(strStatement));
     std::vector<std::vector<std::uint8_t>> views(statement.disks.size());
+    std::vector<BackupStripe> stripes;
+    for (size_t i = 0; i < views.size(); ++i) {
+        if (!ReadView(statement.disks[i], &views[i])) return false;
+        stripes.push_back({statement.disks[i], MtfSource::FromBytes(views[i].data(), views[i].size())});
+    }
+    return Restore(stripes, statement.options);
+}
+
+bool SqlServerEmulator::Restore(const std::vector<BackupStripe>& stripes, const RestoreOptions& options) {
     std::vector<MtfWalk> walks;
     const MtfSqlConfig* pConfig = nullptr;
-    for (size_t i = 0; i < views.size(); ++i) {
-        const std::string strName = Narrow(statement.disks[i]);
-        if (!ReadView(statement.disks[i], &views[i])) return false;
-        walks.push_back(MtfWalker::WalkBytes(views[i]));
+    for (const BackupStripe& stripe : stripes) {
+        const std::string strName = Narrow(stripe.strName);
+        walks.push_back(MtfWalker::Walk(*stripe.pSource));
         const MtfWalk& walk = walks.back();
-        if (!walk.ok && !EndsAtItsClosingFilemark(walk)) return Fail(strName + ": " + walk.fault + " at offset " + std::to_string(walk.faultOffset));
-        const MtfDataSet* pSet = walk.DataSet(statement.iFile);
-        if (!pSet) return Fail(strName + ": no data set " + std::to_string(statement.iFile));
+        if (!walk.ok && !EndsAtItsClosingFilemark(walk))
+            return Fail(strName + ": " + walk.fault + " at offset " + std::to_string(walk.faultOffset));
+        const MtfDataSet* pSet = walk.DataSet(options.iFile);
+        if (!pSet) return Fail(strName + ": no data set " + std::to_string(options.iFile));
         if (!pConfig && pSet->msci.present) pConfig = &pSet->msci;
     }
-    if (!pConfig) return Fail("no view holds the backup's configuration");
+    if (!pConfig) return Fail("no file of the backup holds its configuration");
     if (pConfig->backupType == 'L') return true;
-    bool bOk = MakeDataFiles(*pConfig, statement.moves);
-    for (size_t i = 0; bOk && i < views.size(); ++i) bOk = WriteExtents(views[i], *walks[i].DataSet(statement.iFile));
+    bool bOk = MakeDataFiles(*pConfig, options.moves);
+    for (size_t i = 0; bOk && i < stripes.size(); ++i)
+        bOk = WriteExtents(*stripes[i].pSource, *walks[i].DataSet(options.iFile));
     CloseDataFiles();
     return bOk;
 }
@@ -226,8 +230,7 @@ bool SqlServerEmulator::MakeDataFiles(const MtfSqlConfig& config, const std::map
     return true;
 }
 
-bool SqlServerEmulator::WriteExtents(const std::vector<std::uint8_t>& view, const MtfDataSet& set) {
-    const auto pSource = MtfSource::FromBytes(view.data(), view.size());
+bool SqlServerEmulator::WriteExtents(const MtfSource& source, const MtfDataSet& set) {
     std::string strError;
     const ExtentVisitor write = [&](std::uint16_t iFileId, std::uint32_t iPage, const std::uint8_t* pExtent) {
         const auto it = m_files.find(iFileId);
@@ -241,7 +244,7 @@ bool SqlServerEmulator::WriteExtents(const std::vector<std::uint8_t>& view, cons
         }
     };
     for (const MtfDataRun& run : set.data)
-        if (!ForEachExtent(*pSource, run, write, &strError) || !strError.empty()) return Fail(strError);
+        if (!ForEachExtent(source, run, write, &strError) || !strError.empty()) return Fail(strError);
     return true;
 }
 

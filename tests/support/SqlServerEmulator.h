@@ -24,6 +24,7 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -31,6 +32,18 @@
 #include "support/SqlFileIo.h"
 
 namespace zrtest {
+
+// The options of a RESTORE that the emulator acts on.
+struct RestoreOptions {
+    int iFile = 1;                               // WITH FILE = n: the data set
+    std::map<std::wstring, std::wstring> moves;  // MOVE 'logical' TO 'target', logical in lower case
+};
+
+// One file of a backup's stripe set, by a name for messages.
+struct BackupStripe {
+    std::wstring strName;
+    std::unique_ptr<MtfSource> pSource;
+};
 
 class SqlServerEmulator {
 public:
@@ -51,6 +64,9 @@ public:
 
     // Runs one RESTORE statement; false, with Error(), at the first fault.
     bool Restore(const std::wstring& strStatement);
+    // The same from the stripes as they stand, without reading views: the
+    // naive restore of a backup's own files.
+    bool Restore(const std::vector<BackupStripe>& stripes, const RestoreOptions& options);
     // The data files of the last data backup restored, by file id.
     const std::map<std::uint16_t, DataFile>& DataFiles() const { return m_files; }
 
@@ -71,7 +87,7 @@ private:
     bool Fail(const std::string& strWhy);
     bool ReadView(const std::wstring& strName, std::vector<std::uint8_t>* pBytes);
     bool MakeDataFiles(const MtfSqlConfig& config, const std::map<std::wstring, std::wstring>& moves);
-    bool WriteExtents(const std::vector<std::uint8_t>& view, const MtfDataSet& set);
+    bool WriteExtents(const MtfSource& source, const MtfDataSet& set);
 
     SqlFileIo& m_io;
     std::map<std::uint16_t, DataFile> m_files;
