@@ -41,8 +41,7 @@ std::vector<PageAt> AbsentPages(ZR_Backup& full, size_t n) {
     return pages;
 }
 
-bool Measure(zrtest::SqlServerEmulator& sql, const fs::path& backup, const std::vector<PageAt>& pages,
-             int nReaders) {
+bool Measure(zrtest::SqlServerEmulator& sql, const fs::path& backup, const std::vector<PageAt>& pages, int nReaders) {
     HANDLE h = zrbench::OpenPlain(backup);
     if (h == INVALID_HANDLE_VALUE) return false;
     const auto readPlain = [&](size_t i, size_t, void* pBuffer) {
@@ -50,8 +49,8 @@ bool Measure(zrtest::SqlServerEmulator& sql, const fs::path& backup, const std::
     };
     const auto readMounted = [&](size_t i, size_t, void* pBuffer) {
         uint32_t cbRead = 0;
-        return sql.ReadData(pages[i].id.m_iFileId, uint64_t{pages[i].id.m_iPage} * ZR_PAGE_SIZE, pBuffer,
-                            ZR_PAGE_SIZE, &cbRead) == 0 &&
+        return sql.ReadData(pages[i].id.m_iFileId, uint64_t{pages[i].id.m_iPage} * ZR_PAGE_SIZE, pBuffer, ZR_PAGE_SIZE,
+                            &cbRead) == 0 &&
                cbRead == ZR_PAGE_SIZE;
     };
     // Plain, mounted, plain again: the device's state is the same for the

@@ -76,8 +76,7 @@ int main(int argc, char** argv) {
         std::printf("sequential read:          %8.2f s\n", dRead);
         std::printf("naive restore:            %8.2f s   %.2f x the sequential read\n", dNaive, dNaive / dRead);
         std::printf("online, maps built:       %8.2f s   ratio to the naive restore %.3f\n", dFirst, dFirst / dNaive);
-        std::printf("online, maps on disk:     %8.2f s   ratio to the naive restore %.4f\n", dSecond,
-                    dSecond / dNaive);
+        std::printf("online, maps on disk:     %8.2f s   ratio to the naive restore %.4f\n", dSecond, dSecond / dNaive);
     }
     std::printf("\npeak RSS: %.1f MiB\n", zrbench::PeakRssMiB());
     fs::remove_all(folder / "service");

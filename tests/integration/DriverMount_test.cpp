@@ -51,29 +51,26 @@ const std::string kStDb2 = "gabrujo-WebDevelopment/StDb2EFRP/StDb2Sql.bak";
 constexpr std::uint32_t kLargestRead = 0x100000;
 constexpr auto kPatience = 10s;
 
+// A chain of the test data, its paths relative to the test data folder.
 struct Chain {
     std::string strName;
-    std::vector<std::string> full = {}, diff = {};
-    std::vector<std::string> logs = {};  // one file each
-    const wchar_t* wszStop = nullptr;
-    int iDataSet = 1;
-    const wchar_t* wszWith = nullptr;  // an option of the full backup's statement
+    MountRequest request;
 };
 
 // gtest names a chain by its name.
 void PrintTo(const Chain& chain, std::ostream* pOut) { *pOut << chain.strName; }
 
-std::vector<fs::path> Paths(const std::vector<std::string>& files) {
-    std::vector<fs::path> paths;
-    for (const std::string& f : files) paths.push_back(TestDataFile(f).value());
-    return paths;
+MountRequest InTestData(MountRequest request) {
+    for (auto* pFiles : {&request.full, &request.diff, &request.logs})
+        for (fs::path& file : *pFiles) file = TestDataDir().value() / file;
+    return request;
 }
 
-// The data files' sizes as the chain's last data backup records them.
-std::map<std::uint16_t, std::uint64_t> RecordedSizes(const Chain& chain) {
-    const MtfWalk walk = MtfWalker::WalkFile(Paths(chain.diff.empty() ? chain.full : chain.diff).at(0));
+// The data files' sizes as the last data backup of the request records them.
+std::map<std::uint16_t, std::uint64_t> RecordedSizes(const MountRequest& request) {
+    const MtfWalk walk = MtfWalker::WalkFile((request.diff.empty() ? request.full : request.diff).at(0));
     std::map<std::uint16_t, std::uint64_t> sizes;
-    const MtfDataSet* pSet = walk.DataSet(chain.iDataSet);
+    const MtfDataSet* pSet = walk.DataSet(request.iDataSet);
     for (const MtfSqlFile& f : pSet ? pSet->msci.files : std::vector<MtfSqlFile>{})
         if (f.fileType == 1) sizes[static_cast<std::uint16_t>(f.fileId)] = f.fileSize;
     return sizes;
@@ -86,9 +83,7 @@ std::map<std::uint16_t, std::uint64_t> RecordedSizes(const Chain& chain) {
 std::string PageFault(const ChainReference& reference, std::uint16_t iFileId, std::uint32_t iPage,
                       const std::uint8_t* pPage) {
     const std::uint8_t* pWant = reference.ExpectedPage(iFileId, iPage);
-    if (!pWant)
-        return std::all_of(pPage, pPage + kPageSize, [](std::uint8_t b) { return b == 0; }) ? ""
-                                                                                            : "not zeros";
+    if (!pWant) return std::all_of(pPage, pPage + kPageSize, [](std::uint8_t b) { return b == 0; }) ? "" : "not zeros";
     if (std::memcmp(pPage, pWant, kPageSize) != 0) return "not the backups' page";
     const PageHeaderFields header = ReadPageHeader(pPage);
     if (header.headerVersion != 1) return "";
@@ -116,7 +111,7 @@ std::string ReadAndCheck(SqlServerEmulator& sql, const ChainReference& reference
     return "";
 }
 
-// The lines of a trace ring: iLine bytes each, zero-terminated text.
+// The lines of a trace ring: cbLine bytes each, zero-terminated text.
 std::vector<std::string> Lines(const char* pRing, size_t cbRing, size_t cbLine) {
     std::vector<std::string> lines;
     for (size_t i = 0; pRing && i + cbLine <= cbRing; i += cbLine)
@@ -182,8 +177,8 @@ private:
     }
     static HANDLE Create(LPCWSTR wszName, DWORD iAccess, DWORD iShare, LPSECURITY_ATTRIBUTES pSecurity,
                          DWORD iDisposition, DWORD iFlags, HANDLE hTemplate) {
-        const HANDLE h = g_DefaultFileCalls.CreateFileW(wszName, iAccess, iShare, pSecurity, iDisposition, iFlags,
-                                                        hTemplate);
+        const HANDLE h =
+            g_DefaultFileCalls.CreateFileW(wszName, iAccess, iShare, pSecurity, iDisposition, iFlags, hTemplate);
         State& s = TheState();
         const std::wstring strName = wszName;
         std::lock_guard lock(s.cs);
@@ -208,15 +203,6 @@ private:
         return g_DefaultFileCalls.ReadFile(h, p, cb, pcbRead, pOverlapped);
     }
 };
-
-MountRequest Request(const Chain& chain) {
-    return MountRequest{.full = Paths(chain.full),
-                        .diff = Paths(chain.diff),
-                        .logs = Paths(chain.logs),
-                        .wszStop = chain.wszStop,
-                        .iDataSet = chain.iDataSet,
-                        .wszWith = chain.wszWith};
-}
 
 class DriverMount : public testing::Test {
 protected:
@@ -248,8 +234,8 @@ protected:
 
     void EndUnderQueuedReads(const std::function<void()>& end, ZR_HostStatus iAfter);
 
-    bool MountAndRestore(const Chain& chain) {
-        if (m_mount.Mount(Request(chain)) && m_mount.Restore(*m_pSql)) return true;
+    bool MountAndRestore(const MountRequest& request) {
+        if (m_mount.Mount(request) && m_mount.Restore(*m_pSql)) return true;
         ADD_FAILURE() << m_mount.Error();
         return false;
     }
@@ -270,13 +256,13 @@ protected:
 class EveryChain : public DriverMount, public testing::WithParamInterface<Chain> {};
 
 TEST_P(EveryChain, ServesEveryPageOfItsDataFilesFromTheBackups) {
-    const Chain& chain = GetParam();
-    const ChainReference reference(Paths(chain.full), Paths(chain.diff), chain.iDataSet);
+    const MountRequest request = InTestData(GetParam().request);
+    const ChainReference reference(request.full, request.diff, request.iDataSet);
     ASSERT_EQ(reference.Error(), "");
-    ASSERT_TRUE(MountAndRestore(chain));
-    EXPECT_EQ(m_pSql->ViewsRead().size(), chain.full.size() + chain.diff.size() + chain.logs.size());
+    ASSERT_TRUE(MountAndRestore(request));
+    EXPECT_EQ(m_pSql->ViewsRead().size(), request.full.size() + request.diff.size() + request.logs.size());
 
-    const auto sizes = RecordedSizes(chain);
+    const auto sizes = RecordedSizes(request);
     ASSERT_FALSE(sizes.empty());
     ASSERT_EQ(m_pSql->DataFiles().size(), sizes.size());
     std::vector<std::uint8_t> buffer;
@@ -293,31 +279,31 @@ TEST_P(EveryChain, ServesEveryPageOfItsDataFilesFromTheBackups) {
 }
 
 const Chain kChains[] = {
-    {.strName = "DoubleDiffingFullMoved",
-     .full = {kDouble + "difftest-full.bak"},
-     .wszWith = L"move 'DoubleDiff' to 'D:\\Moved\\double''diff.mdf'"},
-    {.strName = "DoubleDiffingFirstDiff", .full = {kDouble + "difftest-full.bak"}, .diff = {kDouble + "difftest-diff1.bak"}},
-    {.strName = "DoubleDiffingSecondDiff", .full = {kDouble + "difftest-full.bak"}, .diff = {kDouble + "difftest-diff2.bak"}},
-    {.strName = "RestoreTimeCleanFull", .full = {kClean + "RestoreTimeClean.bak"}},
-    {.strName = "RestoreTimeCleanDiff", .full = {kClean + "RestoreTimeClean.bak"}, .diff = {kClean + "RestoreTimeClean2.bak"}},
-    {.strName = "RestoreTimeCleanDiffLogsToAStop",
-     .full = {kClean + "RestoreTimeClean.bak"},
-     .diff = {kClean + "RestoreTimeClean2.bak"},
-     .logs = {kClean + "RestoreTimeClean2_1.trn", kClean + "RestoreTimeClean2_2.trn", kClean + "RestoreTimeClean2_3.trn"},
-     .wszStop = L"STOPAT='2017-06-01 13:25:00'"},
-    {.strName = "PasswordFull", .full = {"appveyor-lab/backuppassword/passwd.bak"}},
-    {.strName = "StripedFullInReverseOrder",
-     .full = {kStripe + "Stripe2/RestoreTimeStripe1.bak", kStripe + "Stripe1/RestoreTimeStripe.bak"}},
-    {.strName = "StripedSecondFull",
-     .full = {kStripe + "Stripe1/RestoreTimeStripe2.bak", kStripe + "Stripe2/RestoreTimeStripe2a.bak"}},
-    {.strName = "Db2Full", .full = {kDb2 + "FULL/SQL2008_db2_FULL_20170518_041738.bak"}},
-    {.strName = "Db2Diff",
-     .full = {kDb2 + "FULL/SQL2008_db2_FULL_20170518_041738.bak"},
-     .diff = {kDb2 + "DIFF/SQL2008_db2_DIFF_20170518_041819.bak"}},
-    {.strName = "UserLoginFull", .full = {"KhanhHoang123-Lap-trinh-web/backup.bak"}},
-    {.strName = "NorthwindFull", .full = {"xandelima-MVCNorthwind/Northwind.bak"}},
-    {.strName = "StDb2SqlFirstSet", .full = {kStDb2}},
-    {.strName = "StDb2SqlSecondSet", .full = {kStDb2}, .iDataSet = 2, .wszWith = L"FILE = 2"},
+    {"DoubleDiffingFullMoved",
+     {.full = {kDouble + "difftest-full.bak"}, .wszWith = L"move 'DoubleDiff' to 'D:\\Moved\\double''diff.mdf'"}},
+    {"DoubleDiffingFirstDiff", {.full = {kDouble + "difftest-full.bak"}, .diff = {kDouble + "difftest-diff1.bak"}}},
+    {"DoubleDiffingSecondDiff", {.full = {kDouble + "difftest-full.bak"}, .diff = {kDouble + "difftest-diff2.bak"}}},
+    {"RestoreTimeCleanFull", {.full = {kClean + "RestoreTimeClean.bak"}}},
+    {"RestoreTimeCleanDiff", {.full = {kClean + "RestoreTimeClean.bak"}, .diff = {kClean + "RestoreTimeClean2.bak"}}},
+    {"RestoreTimeCleanDiffLogsToAStop",
+     {.full = {kClean + "RestoreTimeClean.bak"},
+      .diff = {kClean + "RestoreTimeClean2.bak"},
+      .logs = {kClean + "RestoreTimeClean2_1.trn", kClean + "RestoreTimeClean2_2.trn",
+               kClean + "RestoreTimeClean2_3.trn"},
+      .wszStop = L"STOPAT='2017-06-01 13:25:00'"}},
+    {"PasswordFull", {.full = {"appveyor-lab/backuppassword/passwd.bak"}}},
+    {"StripedFullInReverseOrder",
+     {.full = {kStripe + "Stripe2/RestoreTimeStripe1.bak", kStripe + "Stripe1/RestoreTimeStripe.bak"}}},
+    {"StripedSecondFull",
+     {.full = {kStripe + "Stripe1/RestoreTimeStripe2.bak", kStripe + "Stripe2/RestoreTimeStripe2a.bak"}}},
+    {"Db2Full", {.full = {kDb2 + "FULL/SQL2008_db2_FULL_20170518_041738.bak"}}},
+    {"Db2Diff",
+     {.full = {kDb2 + "FULL/SQL2008_db2_FULL_20170518_041738.bak"},
+      .diff = {kDb2 + "DIFF/SQL2008_db2_DIFF_20170518_041819.bak"}}},
+    {"UserLoginFull", {.full = {"KhanhHoang123-Lap-trinh-web/backup.bak"}}},
+    {"NorthwindFull", {.full = {"xandelima-MVCNorthwind/Northwind.bak"}}},
+    {"StDb2SqlFirstSet", {.full = {kStDb2}}},
+    {"StDb2SqlSecondSet", {.full = {kStDb2}, .iDataSet = 2, .wszWith = L"FILE = 2"}},
 };
 
 INSTANTIATE_TEST_SUITE_P(RealBackups, EveryChain, testing::ValuesIn(kChains),
@@ -327,10 +313,8 @@ INSTANTIATE_TEST_SUITE_P(RealBackups, EveryChain, testing::ValuesIn(kChains),
 // One mount, what happens on the way
 // ---------------------------------------------------------------------------
 
-const Chain kCleanFull{.strName = "RestoreTimeCleanFull", .full = {kClean + "RestoreTimeClean.bak"}};
-const Chain kCleanDiff{.strName = "RestoreTimeCleanDiff",
-                       .full = {kClean + "RestoreTimeClean.bak"},
-                       .diff = {kClean + "RestoreTimeClean2.bak"}};
+const MountRequest kCleanFull{.full = {kClean + "RestoreTimeClean.bak"}};
+const MountRequest kCleanDiff{.full = {kClean + "RestoreTimeClean.bak"}, .diff = {kClean + "RestoreTimeClean2.bak"}};
 
 // True once the condition holds; false after kPatience. For states that no
 // event announces.
@@ -342,8 +326,9 @@ bool WaitUntil(Condition bHolds) {
 }
 
 TEST_F(DriverMount, AReadOfAnAbsentPageGoesThroughLiveIOAndIsKept) {
-    const ChainReference reference(Paths(kCleanFull.full), {});
-    ASSERT_TRUE(MountAndRestore(kCleanFull));
+    const MountRequest request = InTestData(kCleanFull);
+    const ChainReference reference(request.full, {});
+    ASSERT_TRUE(MountAndRestore(request));
     ASSERT_NE(reference.ExpectedPage(1, 8), nullptr) << "page 8 is the backup's, behind the extent the restore wrote";
     EnableServiceTrace(1);
     ASSERT_TRUE(EnableDriverTrace());
@@ -384,8 +369,9 @@ TEST_F(DriverMount, AReadOfAnAbsentPageGoesThroughLiveIOAndIsKept) {
 }
 
 TEST_F(DriverMount, EightReadersOfRandomPagesEachGetTheirOwnPages) {
-    const ChainReference reference(Paths(kCleanDiff.full), Paths(kCleanDiff.diff));
-    ASSERT_TRUE(MountAndRestore(kCleanDiff));
+    const MountRequest request = InTestData(kCleanDiff);
+    const ChainReference reference(request.full, request.diff);
+    ASSERT_TRUE(MountAndRestore(request));
     std::uint64_t iSize = 0;
     ASSERT_EQ(m_pSql->DataFileSize(1, &iSize), 0);
     const auto iPages = static_cast<std::uint32_t>(iSize / kPageSize);
@@ -405,9 +391,10 @@ TEST_F(DriverMount, EightReadersOfRandomPagesEachGetTheirOwnPages) {
 }
 
 TEST_F(DriverMount, ABackupReadThatFailsFailsTheLiveReadAndNamesFileAndOffset) {
-    const ChainReference reference(Paths(kCleanFull.full), {});
+    const MountRequest request = InTestData(kCleanFull);
+    const ChainReference reference(request.full, {});
     BackupReads::Install("RestoreTimeClean.bak");
-    ASSERT_TRUE(MountAndRestore(kCleanFull));
+    ASSERT_TRUE(MountAndRestore(request));
     BackupReads::Set(BackupReads::kFail);
     std::vector<std::uint8_t> buffer(kPageSize);
     std::uint32_t cb = 0;
@@ -427,9 +414,10 @@ TEST_F(DriverMount, ABackupReadThatFailsFailsTheLiveReadAndNamesFileAndOffset) {
 // the queue when the mount ends; every read is still served, and the reads
 // that come after get iAfter at once.
 void DriverMount::EndUnderQueuedReads(const std::function<void()>& end, ZR_HostStatus iAfter) {
-    const ChainReference reference(Paths(kCleanFull.full), {});
+    const MountRequest request = InTestData(kCleanFull);
+    const ChainReference reference(request.full, {});
     BackupReads::Install("RestoreTimeClean.bak");
-    ASSERT_TRUE(MountAndRestore(kCleanFull));
+    ASSERT_TRUE(MountAndRestore(request));
     ZR_Database* pDB = ZR::FindDatabase(m_mount.Key().c_str());
     ASSERT_NE(pDB, nullptr);
     BackupReads::Set(BackupReads::kHold);
@@ -474,7 +462,7 @@ std::wstring ViewName(ZR_MountInfo* pInfo, unsigned i) {
 }
 
 TEST_F(DriverMount, RequestsTheLibraryDoesNotKnowGetTheAnswersOfItsFileOperations) {
-    ASSERT_TRUE(m_mount.Mount(Request(kCleanFull))) << m_mount.Error();
+    ASSERT_TRUE(m_mount.Mount(InTestData(kCleanFull))) << m_mount.Error();
     const std::wstring strView = ViewName(m_mount.Info(), 0);
     SqlHandle hView = 0;
     ASSERT_EQ(m_pIo->Open(strView, false, &hView), 0);

@@ -17,16 +17,12 @@ std::int32_t DriverHostFileIo::Write(SqlHandle hFile, std::uint64_t iOffset, con
     return m_pHost->Write(hFile, iOffset, pBuffer, cb);
 }
 
-std::int32_t DriverHostFileIo::SetSize(SqlHandle hFile, std::uint64_t iSize) {
-    return m_pHost->SetSize(hFile, iSize);
-}
+std::int32_t DriverHostFileIo::SetSize(SqlHandle hFile, std::uint64_t iSize) { return m_pHost->SetSize(hFile, iSize); }
 
 std::int32_t DriverHostFileIo::Size(SqlHandle hFile, std::uint64_t* piSize) {
     return m_pHost->QuerySize(hFile, piSize);
 }
 
-std::int32_t DriverHostFileIo::Close(SqlHandle hFile) {
-    return m_pHost->Close(hFile, false);
-}
+std::int32_t DriverHostFileIo::Close(SqlHandle hFile) { return m_pHost->Close(hFile, false); }
 
 }  // namespace zrtest

@@ -50,7 +50,8 @@ bool ServiceMount::Mount(const MountRequest& request) {
     }
     SetTargetDatabase(m_pInfo, L"Copy");
     SetFilterDrive(m_pInfo, L"C:\\");
-    if (request.wszStop && !SetStop(m_pInfo, request.wszStop)) return Fail("SetStop refuses " + Narrow(request.wszStop));
+    if (request.wszStop && !SetStop(m_pInfo, request.wszStop))
+        return Fail("SetStop refuses " + Narrow(request.wszStop));
     if (request.wszWith) AddWith(m_pInfo, 1, request.wszWith);
     wchar_t wszKey[300] = {};
     const bool bMounted = WrapMount(m_pInfo, wszKey, 299);

@@ -23,7 +23,7 @@ void StopService();
 struct MountRequest {
     std::vector<std::filesystem::path> full = {}, diff = {};
     std::vector<std::filesystem::path> logs = {};  // one file each
-    const wchar_t* wszStop = nullptr;               // as SetStop takes it
+    const wchar_t* wszStop = nullptr;              // as SetStop takes it
     int iDataSet = 1;
     const wchar_t* wszWith = nullptr;  // an option of the full backup's statement
 };

@@ -126,8 +126,7 @@ bool ParseRestore(const std::wstring& strSql, RestoreStatement* pStatement) {
     std::vector<Token> tokens;
     if (!Tokenize(strSql, &tokens)) return false;
     TokenReader r(std::move(tokens));
-    if (!r.Word(L"RESTORE") || !(r.Word(L"DATABASE") || r.Word(L"LOG")) || !r.Name() || !r.Word(L"FROM"))
-        return false;
+    if (!r.Word(L"RESTORE") || !(r.Word(L"DATABASE") || r.Word(L"LOG")) || !r.Name() || !r.Word(L"FROM")) return false;
     do {
         std::wstring strDisk;
         if (!r.Word(L"DISK") || !r.Punctuation(L'=') || !r.String(&strDisk)) return false;
@@ -205,8 +204,9 @@ bool SqlServerEmulator::ReadView(const std::wstring& strName, std::vector<std::u
         pBytes->resize(iOffset + (iStatus == 0 ? cbRead : 0));
     }
     m_io.Close(hFile);
-    if (iStatus) return Fail("cannot read " + Narrow(strName) + " at offset " + std::to_string(pBytes->size()) + ": " +
-                             Status(iStatus));
+    if (iStatus)
+        return Fail("cannot read " + Narrow(strName) + " at offset " + std::to_string(pBytes->size()) + ": " +
+                    Status(iStatus));
     if (pBytes->size() != iSize)
         return Fail(Narrow(strName) + " reads " + std::to_string(pBytes->size()) + " bytes, its size says " +
                     std::to_string(iSize));
@@ -258,8 +258,8 @@ bool SqlServerEmulator::OpenDataFiles() {
     return true;
 }
 
-std::int32_t SqlServerEmulator::ReadData(std::uint16_t iFileId, std::uint64_t iOffset, void* pBuffer,
-                                         std::uint32_t cb, std::uint32_t* pcbRead) {
+std::int32_t SqlServerEmulator::ReadData(std::uint16_t iFileId, std::uint64_t iOffset, void* pBuffer, std::uint32_t cb,
+                                         std::uint32_t* pcbRead) {
     const auto it = m_files.find(iFileId);
     if (it == m_files.end() || !it->second.bOpen) return -1;
     return m_io.Read(it->second.hFile, iOffset, pBuffer, cb, pcbRead);

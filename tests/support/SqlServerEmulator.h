@@ -48,8 +48,8 @@ struct BackupStripe {
 class SqlServerEmulator {
 public:
     struct DataFile {
-        std::wstring strName;          // where the restore put it
-        std::uint64_t iRecordedSize;   // the view's file record says
+        std::wstring strName;         // where the restore put it
+        std::uint64_t iRecordedSize;  // the view's file record says
         SqlHandle hFile = 0;
         bool bOpen = false;
     };
