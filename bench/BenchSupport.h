@@ -5,9 +5,11 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -116,5 +118,24 @@ Run Submit(size_t nReads, int nSubmitters, Read read) {
 
 // One line: pages per second, p50 and p99 latency.
 void PrintRun(const char* szWhat, const Run& run, size_t nPages);
+
+// nReads reads of nThreads submitters (Submit) made plain, then as tested,
+// then plain again, so that the device's state is the same for the tested
+// reads as for the mean of the plain ones; prints the three and the ratio
+// of tested to plain pages per second. False when a read failed.
+template <class Plain, class Tested>
+bool MeasureAgainstPlain(const char* szTested, size_t nReads, int nThreads, Plain readPlain, Tested readTested) {
+    const Run plain = Submit(nReads, nThreads, readPlain);
+    const Run tested = Submit(nReads, nThreads, readTested);
+    const Run plainAgain = Submit(nReads, nThreads, readPlain);
+    if (!tested.bOk || !plain.bOk || !plainAgain.bOk)
+        return false;
+    PrintRun("plain reads", plain, nReads);
+    PrintRun("plain reads again", plainAgain, nReads);
+    PrintRun((std::string(szTested) + " reads").c_str(), tested, nReads);
+    std::printf("ratio of %s to plain pages/s: %.3f\n", szTested,
+                (plain.dSeconds + plainAgain.dSeconds) / 2 / tested.dSeconds);
+    return true;
+}
 
 }  // namespace zrbench

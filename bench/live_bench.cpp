@@ -57,18 +57,10 @@ bool Measure(ZR_Database& db, const fs::path& path, const std::vector<PageAt>& p
             return false;
         return done[s]->try_acquire_for(60s) && results[s] == 0;
     };
-    // Plain, live, plain again: the device's state is the same for the live
-    // reads as for the mean of the plain ones.
-    const zrbench::Run plain = zrbench::Submit(pages.size(), nSubmitters, readPlain);
-    const zrbench::Run live = zrbench::Submit(pages.size(), nSubmitters, readLive);
-    const zrbench::Run plainAgain = zrbench::Submit(pages.size(), nSubmitters, readPlain);
-    CloseHandle(h);
-    if (!live.bOk || !plain.bOk || !plainAgain.bOk) return false;
     std::printf("\n%d submitter%s, %zu random 8 KiB reads:\n", nSubmitters, nSubmitters > 1 ? "s" : "", pages.size());
-    zrbench::PrintRun("plain reads", plain, pages.size());
-    zrbench::PrintRun("plain reads again", plainAgain, pages.size());
-    zrbench::PrintRun("live reads", live, pages.size());
-    std::printf("ratio of live to plain pages/s: %.3f\n", (plain.dSeconds + plainAgain.dSeconds) / 2 / live.dSeconds);
+    const bool bOk = zrbench::MeasureAgainstPlain("live", pages.size(), nSubmitters, readPlain, readLive);
+    CloseHandle(h);
+    if (!bOk) return false;
     std::printf("reads taken by live I/O threads other than 0 so far: %d\n", g_iNumNon0ThreadActivity.load());
     return true;
 }

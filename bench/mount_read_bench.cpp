@@ -53,21 +53,11 @@ bool Measure(zrtest::SqlServerEmulator& sql, const fs::path& backup, const std::
                             &cbRead) == 0 &&
                cbRead == ZR_PAGE_SIZE;
     };
-    // Plain, mounted, plain again: the device's state is the same for the
-    // mounted reads as for the mean of the plain ones.
-    const zrbench::Run plain = zrbench::Submit(pages.size(), nReaders, readPlain);
-    const zrbench::Run mounted = zrbench::Submit(pages.size(), nReaders, readMounted);
-    const zrbench::Run plainAgain = zrbench::Submit(pages.size(), nReaders, readPlain);
-    CloseHandle(h);
-    if (!mounted.bOk || !plain.bOk || !plainAgain.bOk) return false;
     std::printf("\n%d reader%s, %zu random 8 KiB reads of absent pages:\n", nReaders, nReaders > 1 ? "s" : "",
                 pages.size());
-    zrbench::PrintRun("plain reads", plain, pages.size());
-    zrbench::PrintRun("plain reads again", plainAgain, pages.size());
-    zrbench::PrintRun("mounted reads", mounted, pages.size());
-    std::printf("ratio of mounted to plain pages/s: %.3f\n",
-                (plain.dSeconds + plainAgain.dSeconds) / 2 / mounted.dSeconds);
-    return true;
+    const bool bOk = zrbench::MeasureAgainstPlain("mounted", pages.size(), nReaders, readPlain, readMounted);
+    CloseHandle(h);
+    return bOk;
 }
 
 }  // namespace
