@@ -221,6 +221,7 @@ void ZR::Remove(const wchar_t* wszKey) {
     Lock();
     if (ZR_Database* pDB = FindDatabase(wszKey)) {
         g_DBs.Remove(g_DBs.IndexOf(pDB), false);
+        pDB->WaitUnpinned();
         // The live reads still queued are served before the backups close
         // under them; the destructor finds live I/O stopped.
         pDB->StopLiveIORead();
@@ -253,6 +254,7 @@ void ZR::UninitializeForExit() {
             continue;
         }
         g_DBs.Remove(i, false);
+        pDB->WaitUnpinned();
         delete pDB;
         i = 0;
     }

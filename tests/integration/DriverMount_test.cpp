@@ -461,6 +461,33 @@ std::wstring ViewName(ZR_MountInfo* pInfo, unsigned i) {
     return str.substr(iStart, str.find(L'\'', iStart) - iStart);
 }
 
+// A read of a view is served on an operation thread without the library
+// lock: Remove waits for it, and the read ends whole before anything of the
+// mount goes.
+TEST_F(DriverMount, RemoveWaitsForAReadOfAViewInService) {
+    BackupReads::Install("RestoreTimeClean.bak");
+    ASSERT_TRUE(m_mount.Mount(InTestData(kCleanFull))) << m_mount.Error();
+    SqlHandle hView = 0;
+    ASSERT_EQ(m_pIo->Open(ViewName(m_mount.Info(), 0), false, &hView), 0);
+    BackupReads::Set(BackupReads::kHold);
+    std::vector<std::uint8_t> view(65536);
+    auto read = std::async(std::launch::async, [&] {
+        std::uint32_t cb = 0;
+        return m_pIo->Read(hView, 0, view.data(), static_cast<std::uint32_t>(view.size()), &cb) == 0 &&
+               cb == view.size();
+    });
+    ASSERT_TRUE(BackupReads::WaitHeld(1));
+    auto removing = std::async(std::launch::async, [&] { ZR::GetZR()->Remove(m_mount.Key().c_str()); });
+    EXPECT_EQ(removing.wait_for(std::chrono::milliseconds(300)), std::future_status::timeout)
+        << "the mount went while its view was being read";
+    BackupReads::Set(BackupReads::kPass);
+    ASSERT_EQ(removing.wait_for(kPatience), std::future_status::ready) << "the end of the mount hangs";
+    ASSERT_EQ(read.wait_for(kPatience), std::future_status::ready);
+    EXPECT_TRUE(read.get());
+    EXPECT_EQ(std::string(view.begin(), view.begin() + 4), "TAPE");
+    m_pIo->Close(hView);
+}
+
 TEST_F(DriverMount, RequestsTheLibraryDoesNotKnowGetTheAnswersOfItsFileOperations) {
     ASSERT_TRUE(m_mount.Mount(InTestData(kCleanFull))) << m_mount.Error();
     const std::wstring strView = ViewName(m_mount.Info(), 0);
