@@ -27,7 +27,7 @@
 #include "BenchSupport.h"
 #include "engine/ZR_Database.h"
 #include "mount/ZR.h"
-#include "support/ServedChain.h"
+#include "support/HydrationMount.h"
 #include "zirlane/zirlane.h"
 
 namespace fs = std::filesystem;
@@ -39,34 +39,29 @@ constexpr int kIdleReads = 500;  // for each reader on the mount that does not h
 const wchar_t* const kGuids[] = {L"0b0e0c00-0000-4000-8000-000000000001", L"0b0e0c00-0000-4000-8000-000000000002",
                                  L"0b0e0c00-0000-4000-8000-000000000003"};
 
-double Percentile(std::vector<double> a, double p) {
-    if (a.empty()) return 0;
-    std::sort(a.begin(), a.end());
-    return a[std::min(a.size() - 1, static_cast<size_t>(p * double(a.size())))];
-}
-
 double MiBps(uint64_t iBytes, double dSeconds) { return double(iBytes) / (1 << 20) / dSeconds; }
 
 // kReaders threads reading random pages of the data files until bStop (or,
 // without it, iReads each); latencies in microseconds.
-std::vector<double> ReadRandomPages(zrtest::ServedChain& chain, const std::atomic<bool>* pbStop, int iReads) {
+std::vector<double> ReadRandomPages(zrtest::HydrationMount& chain, const std::atomic<bool>* pbStop, int iReads) {
     std::vector<std::vector<double>> latencies(kReaders);
     std::vector<std::thread> threads;
     for (int r = 0; r < kReaders; ++r)
         threads.emplace_back([&, r] {
             std::mt19937_64 rng(uint64_t(r) + 1);
-            std::vector<uint8_t> aPage(ZR_PAGE_SIZE);
+            void* pPage = VirtualAlloc(nullptr, ZR_PAGE_SIZE, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE);
             for (int i = 0; pbStop ? !*pbStop : i < iReads; ++i) {
                 const auto& file = chain.DataFiles()[rng() % chain.DataFiles().size()];
                 const uint64_t iOffset = rng() % (file.iSize / ZR_PAGE_SIZE) * ZR_PAGE_SIZE;
                 uint32_t cbRead = 0;
                 const auto start = std::chrono::steady_clock::now();
-                if (chain.Host().Read(file.hFile, iOffset, aPage.data(), ZR_PAGE_SIZE, &cbRead) != kHostSuccess) {
+                if (chain.Sql().ReadData(file.fileId, iOffset, pPage, ZR_PAGE_SIZE, &cbRead) != 0) {
                     std::fprintf(stderr, "a read failed\n");
-                    return;
+                    break;
                 }
                 latencies[size_t(r)].push_back(zrbench::Seconds(start) * 1e6);
             }
+            VirtualFree(pPage, 0, MEM_RELEASE);
         });
     for (std::thread& t : threads) t.join();
     std::vector<double> all;
@@ -77,7 +72,7 @@ std::vector<double> ReadRandomPages(zrtest::ServedChain& chain, const std::atomi
 // Hydrates a fresh mount; its throughput in MiB/s, 0 on failure. *pdPeak
 // grows to the most resident memory the hydration took beyond what the
 // process held before it.
-double Hydrate(zrtest::ServedChain& chain, double* pdPeak) {
+double Hydrate(zrtest::HydrationMount& chain, double* pdPeak) {
     zrbench::ResetPeakRss();
     const double dBefore = zrbench::RssMiB();
     const auto start = std::chrono::steady_clock::now();
@@ -102,14 +97,13 @@ bool RunSize(const fs::path& folder, double dGigabytes) {
     const double dCopy = MiBps(iBackupBytes, zrbench::Seconds(copyStart));
     fs::remove(strCopy);
 
-    const zrtest::ChainFiles files{{backup}};
     double dAlone = 0, dWithReaders = 0, dPeak = 0;
     std::vector<double> idle, busy;
     for (int iRun = 0; iRun < 3; ++iRun) {
-        zrtest::ServedLibrary library(folder / ("run" + std::to_string(iRun)));
-        zrtest::ServedChain chain(library, files, kGuids[iRun], false);
-        if (!chain.Ready()) {
-            std::fprintf(stderr, "%s\n", chain.Error().c_str());
+        const zrtest::RunningService service(folder / ("run" + std::to_string(iRun)));
+        zrtest::HydrationMount chain(service, {.full = {backup}, .wszGuid = kGuids[iRun]}, false);
+        if (!service.Up() || !chain.Ready()) {
+            std::fprintf(stderr, "%s%s\n", service.Error().c_str(), chain.Error().c_str());
             return false;
         }
         if (iRun == 0) dAlone = Hydrate(chain, &dPeak);
@@ -131,7 +125,7 @@ bool RunSize(const fs::path& folder, double dGigabytes) {
     std::printf("hydration with %d readers:   %8.1f MiB/s   ratio to cp %.3f\n", kReaders, dWithReaders,
                 dWithReaders / dCopy);
     std::printf("random 8 KiB reads, p99:   %8.0f us while hydrating (%zu reads), %8.0f us without (%zu reads)\n",
-                Percentile(busy, 0.99), busy.size(), Percentile(idle, 0.99), idle.size());
+                zrbench::Percentile(busy, 0.99), busy.size(), zrbench::Percentile(idle, 0.99), idle.size());
     std::printf("peak RSS of the hydrations: %8.1f MiB above the mount's\n", dPeak);
     fs::remove_all(folder);
     return true;

@@ -15,8 +15,8 @@ constexpr uint64_t kBufferKeyBase = uint64_t(1) << 48;
 std::shared_ptr<ZR_HeldRead> ZR_HeldReads::Begin(uint32_t cbBuffer) {
     auto pRead = std::make_shared<ZR_HeldRead>();
     const size_t cbAllocated = cbBuffer ? cbBuffer : 1;
-    pRead->pBuffer.reset(
-        static_cast<uint8_t*>(::operator new[](cbAllocated, ZR_PageAlignedDelete::kAlignment, std::nothrow)));
+    pRead->pBuffer.reset(static_cast<uint8_t*>(
+        ::operator new[](cbAllocated, std::align_val_t(kHeldReadAlignment), std::nothrow)));
     if (!pRead->pBuffer) return nullptr;
     std::memset(pRead->pBuffer.get(), 0, cbAllocated);
     pRead->cbBuffer = cbBuffer;

@@ -1,8 +1,9 @@
-// Hydration of real chains mounted as a service mounts them, with the
-// embedded driver and its host side: the data files on disk end equal to
-// the test walker's naive restore while readers check pages through the
-// host side; progress, pause, the limit on active hydrations, Remove in the
-// middle, a corrupted bitmap, and a process killed half-way.
+// Hydration of mounts brought online as a service and SQL Server bring them
+// (the exports, the embedded driver, the emulator's RESTORE through the
+// driver's host side): the data files on disk end equal to the test
+// walker's naive restore while readers check pages as the database reads
+// them; progress, pause, the limit on active hydrations, the end of a mount
+// in the middle, a corrupted bitmap, and a process killed half-way.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -16,7 +17,8 @@
 #include "mount/ZR.h"
 #include "platform/FileCallsTesting.h"
 #include "support/ErrorText.h"
-#include "support/ServedChain.h"
+#include "support/HydrationMount.h"
+#include "support/RealChains.h"
 #include "support/SyntheticBackup.h"
 #include "zirlane/zirlane.h"
 
@@ -26,25 +28,12 @@ using namespace zrtest;
 
 namespace {
 
-const std::string kDD = "appveyor-lab/DoubleDiffing/";
-const std::string kClean = "appveyor-lab/RestoreTimeClean/";
-const std::string kStripe = "appveyor-lab/sql2008-backups/RestoreTimeStripe/";
-const std::string kDb2 = "appveyor-lab/sql2008-backups/db2/";
-
 const wchar_t kGuid[] = L"0c0ffee0-1234-4abc-9def-00112233aabb";
-
-struct Chain {
-    const char* name;
-    std::vector<std::string> full;
-    std::vector<std::string> diff = {};
-    std::vector<std::string> logs = {};
-    const wchar_t* stop = L"";
-};
 
 // Readers that check random pages through the host side until stopped.
 class Readers {
 public:
-    Readers(ServedChain& chain, int iThreads) {
+    Readers(HydrationMount& chain, int iThreads) {
         for (int i = 0; i < iThreads; ++i)
             m_threads.emplace_back([this, &chain, i] {
                 std::mt19937 rng(100 + i);
@@ -86,15 +75,15 @@ std::vector<int> WatchProgress(const wchar_t* wszKey, const std::atomic<bool>& b
     return seen;
 }
 
-class ServedChainHydration : public testing::TestWithParam<Chain> {};
+class EveryChain : public testing::TestWithParam<RealChain> {};
 
-TEST_P(ServedChainHydration, DataFilesEndEqualToTheBackupsWhileReadsGoOn) {
+TEST_P(EveryChain, HydratesToTheBackupsWhileReadsGoOn) {
     ZR_REQUIRE_TESTDATA();
-    ServedLibrary library;
-    const Chain& c = GetParam();
-    ServedChain chain(library, TestChain(c.full, c.diff, c.logs, c.stop), kGuid);
+    RunningService service;
+    ASSERT_TRUE(service.Up()) << service.Error();
+    HydrationMount chain(service, InTestData(GetParam().request));
     ASSERT_TRUE(chain.Ready()) << chain.Error();
-    const fs::path marker = library.Folder() / "marker";
+    const fs::path marker = service.Folder() / "marker";
     std::ofstream(marker) << "hydrating";
 
     std::atomic<bool> bEnded{false};
@@ -123,28 +112,8 @@ TEST_P(ServedChainHydration, DataFilesEndEqualToTheBackupsWhileReadsGoOn) {
     EXPECT_GT(iTotal, 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Chains, ServedChainHydration,
-    testing::Values(
-        Chain{"DoubleDiffingFull", {kDD + "difftest-full.bak"}},
-        Chain{"DoubleDiffingDiff1", {kDD + "difftest-full.bak"}, {kDD + "difftest-diff1.bak"}},
-        Chain{"DoubleDiffingDiff2", {kDD + "difftest-full.bak"}, {kDD + "difftest-diff2.bak"}},
-        Chain{"RestoreTimeCleanFull", {kClean + "RestoreTimeClean.bak"}},
-        Chain{"RestoreTimeCleanDiff", {kClean + "RestoreTimeClean.bak"}, {kClean + "RestoreTimeClean2.bak"}},
-        Chain{"RestoreTimeCleanLogsStop",
-              {kClean + "RestoreTimeClean.bak"},
-              {kClean + "RestoreTimeClean2.bak"},
-              {kClean + "RestoreTimeClean2_1.trn", kClean + "RestoreTimeClean2_2.trn", kClean + "RestoreTimeClean2_3.trn"},
-              L"STOPAT='2017-06-01 13:25:00'"},
-        Chain{"StripesInReverseOrder", {kStripe + "Stripe2/RestoreTimeStripe1.bak", kStripe + "Stripe1/RestoreTimeStripe.bak"}},
-        Chain{"SecondStripedFull", {kStripe + "Stripe1/RestoreTimeStripe2.bak", kStripe + "Stripe2/RestoreTimeStripe2a.bak"}},
-        Chain{"Db2Full", {kDb2 + "FULL/SQL2008_db2_FULL_20170518_041738.bak"}},
-        Chain{"Db2Diff", {kDb2 + "FULL/SQL2008_db2_FULL_20170518_041738.bak"}, {kDb2 + "DIFF/SQL2008_db2_DIFF_20170518_041819.bak"}},
-        Chain{"Version10_0", {"KhanhHoang123-Lap-trinh-web/backup.bak"}},
-        Chain{"Version9Northwind", {"xandelima-MVCNorthwind/Northwind.bak"}},
-        Chain{"Version9TwoDataSets", {"gabrujo-WebDevelopment/StDb2EFRP/StDb2Sql.bak"}},
-        Chain{"PasswordMedia", {"appveyor-lab/backuppassword/passwd.bak"}}),
-    [](const testing::TestParamInfo<Chain>& p) { return std::string(p.param.name); });
+INSTANTIATE_TEST_SUITE_P(RealBackups, EveryChain, testing::ValuesIn(RealChains()),
+                         [](const testing::TestParamInfo<RealChain>& param) { return param.param.strName; });
 
 // ---------------------------------------------------------------------------
 // Control of a running hydration, on a synthetic backup whose reads are
@@ -174,14 +143,16 @@ private:
     zr::platform::testing::ScopedFileCalls m_restore;
 };
 
-// A full backup of two data files of iPages and iPages / 2 pages.
-ChainFiles SyntheticChain(const fs::path& folder, std::uint32_t iPages) {
+// A full backup of two data files of iPages and iPages / 2 pages, mounted
+// with the GUID; false when it could not be written.
+bool WriteSynthetic(const fs::path& folder, std::uint32_t iPages) {
     SyntheticOptions o;
     o.filePages = {iPages, iPages / 2};
-    SyntheticBackup backup(o);
-    ChainFiles files;
-    if (backup.Write(folder / "synthetic.bak")) files.full.push_back(folder / "synthetic.bak");
-    return files;
+    return SyntheticBackup(o).Write(folder / "synthetic.bak");
+}
+
+MountRequest Synthetic(const fs::path& folder, const wchar_t* wszGuid = kGuid) {
+    return MountRequest{.full = {folder / "synthetic.bak"}, .wszGuid = wszGuid};
 }
 
 template <class Condition>
@@ -192,23 +163,24 @@ bool WaitFor(Condition bCondition, std::chrono::milliseconds limit = 20s) {
     return true;
 }
 
-ZR_Database& Database(const ServedChain& chain) { return *ZR::FindDatabase(chain.Key()); }
+ZR_Database& Database(const HydrationMount& chain) { return *ZR::FindDatabase(chain.Key()); }
 
 class HydrationControl : public testing::Test {
 protected:
     void SetUp() override {
-        ASSERT_FALSE(SyntheticChain(m_library.Folder(), 1024).full.empty());
+        ASSERT_TRUE(m_service.Up()) << m_service.Error();
+        ASSERT_TRUE(WriteSynthetic(m_service.Folder(), 1024));
     }
-    ChainFiles Files() { return SyntheticChain(m_library.Folder(), 1024); }
+    MountRequest Files(const wchar_t* wszGuid = kGuid) { return Synthetic(m_service.Folder(), wszGuid); }
 
     SlowReads m_slow;
-    ServedLibrary m_library;
+    RunningService m_service;
 };
 
 // Paused in the middle, no page is pushed for longer than a paused thread
 // sleeps, while reads still get correct pages; resumed, it ends complete.
 TEST_F(HydrationControl, PauseHoldsTheDriverStillWhileReadsGoOn) {
-    ServedChain chain(m_library, Files(), kGuid);
+    HydrationMount chain(m_service, Files());
     ASSERT_TRUE(chain.Ready()) << chain.Error();
     m_slow.Start(50);
     std::thread hydration([&] { StartDataHydration(chain.Key(), nullptr, 0); });
@@ -238,7 +210,7 @@ TEST_F(HydrationControl, PauseHoldsTheDriverStillWhileReadsGoOn) {
 // With one active hydration at most, the mount with the larger order key
 // pushes nothing until the first has ended, then goes on to its end.
 TEST_F(HydrationControl, ASecondHydrationWaitsForTheFirstWhenOneMayRun) {
-    ServedChain first(m_library, Files(), kGuid), second(m_library, Files(), kOtherGuid);
+    HydrationMount first(m_service, Files()), second(m_service, Files(kOtherGuid));
     ASSERT_TRUE(first.Ready() && second.Ready()) << first.Error() << second.Error();
     SetMaxActiveHydrations(1);
     m_slow.Start(20);
@@ -278,7 +250,7 @@ class HydrationEnds : public HydrationControl, public testing::WithParamInterfac
 TEST_P(HydrationEnds, WithinSecondsInTheMiddle) {
     const size_t iThreads = ThreadCount(), iHandles = zr::platform::testing::OpenHandleCount();
     {
-        ServedChain chain(m_library, Files(), kGuid);
+        HydrationMount chain(m_service, Files());
         ASSERT_TRUE(chain.Ready()) << chain.Error();
         m_slow.Start(50);
         std::thread hydration([&] { StartDataHydration(chain.Key(), nullptr, 0); });
@@ -319,21 +291,20 @@ INSTANTIATE_TEST_SUITE_P(Endings, HydrationEnds,
 // A bitmap that fails its check stops hydration: the mount reads as done,
 // its database as gone, and the marker keeps its name.
 TEST_F(HydrationControl, ACorruptedBitmapStopsHydration) {
-    {
-        // Two stores of each bitmap, so that both of its slots hold one: a
-        // flush, then the last close.
-        ServedChain chain(m_library, Files(), kGuid);
-        ASSERT_TRUE(chain.Ready()) << chain.Error();
-        for (const ServedChain::DataFile& file : chain.DataFiles()) {
-            ASSERT_EQ(chain.Host().Flush(file.hFile), kHostSuccess);
-            uint8_t aPage[8192];
-            uint32_t cbRead = 0;
-            ASSERT_EQ(chain.Host().Read(file.hFile, 8 * sizeof aPage, aPage, sizeof aPage, &cbRead), kHostSuccess);
-        }
+    HydrationMount chain(m_service, Files());
+    ASSERT_TRUE(chain.Ready()) << chain.Error();
+    // Both slots of each bitmap hold a store once a read has changed what
+    // the restore left; the driver loads them again when the files reopen.
+    for (const HydrationMount::DataFile& file : chain.DataFiles()) {
+        uint8_t aPage[8192];
+        uint32_t cbRead = 0;
+        ASSERT_EQ(chain.Sql().ReadData(file.fileId, 8 * sizeof aPage, aPage, sizeof aPage, &cbRead), 0);
     }
+    chain.Sql().CloseDataFiles();
     int iCorrupted = 0;
-    for (const auto& entry : fs::directory_iterator(m_library.Sparse())) {
+    for (const auto& entry : fs::directory_iterator(m_service.Folder() / "sparse")) {
         if (entry.path().extension() != ".bitmap") continue;
+        ASSERT_EQ(entry.file_size(), 8192u) << entry.path();
         std::fstream f(entry.path(), std::ios::in | std::ios::out | std::ios::binary);
         for (std::streamoff iSlot = 0; iSlot < static_cast<std::streamoff>(entry.file_size()); iSlot += 4096) {
             f.seekp(iSlot + 40);
@@ -342,9 +313,8 @@ TEST_F(HydrationControl, ACorruptedBitmapStopsHydration) {
         ++iCorrupted;
     }
     ASSERT_EQ(iCorrupted, 2);
-    ServedChain chain(m_library, Files(), kGuid);
-    ASSERT_TRUE(chain.Ready()) << chain.Error();
-    const fs::path marker = m_library.Folder() / "marker";
+    ASSERT_TRUE(chain.Sql().OpenDataFiles());
+    const fs::path marker = m_service.Folder() / "marker";
     std::ofstream(marker) << "hydrating";
     StartDataHydration(chain.Key(), marker.wstring().c_str(), 0);
     bool bDeleted = false;
@@ -369,8 +339,9 @@ TEST(HydrationKilled, Child) {
     const char* szFolder = std::getenv(kChildFolder);
     if (!szFolder) GTEST_SKIP() << "runs only as the child of KilledHalfWayTheNextProcessFinishes";
     SlowReads slow;
-    ServedLibrary library(szFolder);
-    ServedChain chain(library, ChainFiles{{fs::path(szFolder) / "synthetic.bak"}}, kGuid);
+    RunningService service(szFolder);
+    ASSERT_TRUE(service.Up()) << service.Error();
+    HydrationMount chain(service, Synthetic(szFolder));
     ASSERT_TRUE(chain.Ready()) << chain.Error();
     slow.Start(100);
     std::thread progress([&] {
@@ -394,7 +365,7 @@ int Progress(const fs::path& folder) {
 
 TEST(HydrationKilled, KilledHalfWayTheNextProcessFinishes) {
     TempDir tmp;
-    ASSERT_FALSE(SyntheticChain(tmp.path(), kKilledPages).full.empty());
+    ASSERT_TRUE(WriteSynthetic(tmp.path(), kKilledPages));
     const std::string strChild = std::string(kChildFolder) + "=" + tmp.path().string() + " " +
                                  fs::read_symlink("/proc/self/exe").string() +
                                  " --gtest_filter=HydrationKilled.Child > " + (tmp / "child.log").string() + " 2>&1";
@@ -406,8 +377,9 @@ TEST(HydrationKilled, KilledHalfWayTheNextProcessFinishes) {
     ASSERT_TRUE(bHalfWay) << std::ifstream(tmp / "child.log").rdbuf();
     ASSERT_LT(Progress(tmp.path()), 10000);
 
-    ServedLibrary library(tmp.path());
-    ServedChain chain(library, ChainFiles{{tmp / "synthetic.bak"}}, kGuid);
+    RunningService service(tmp.path());
+    ASSERT_TRUE(service.Up()) << service.Error();
+    HydrationMount chain(service, Synthetic(tmp.path()));
     ASSERT_TRUE(chain.Ready()) << chain.Error();
     const uint64_t iFound = chain.PresentBytes();
     StartDataHydration(chain.Key(), nullptr, 0);

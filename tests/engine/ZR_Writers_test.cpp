@@ -16,7 +16,7 @@
 #include "engine/ZR_Database.h"
 #include "mount/ZR.h"
 #include "support/PageFormat.h"
-#include "support/ServedChain.h"
+#include "support/HydrationMount.h"
 
 namespace fs = std::filesystem;
 using namespace zrtest;
@@ -24,7 +24,6 @@ using namespace zrtest;
 namespace {
 
 const std::string kDD = "appveyor-lab/DoubleDiffing/";
-const wchar_t kGuid[] = L"0c0ffee0-1234-4abc-9def-00112233aabd";
 
 // An extent of a backup's data streams, where it lies in the backup file.
 struct BackupExtent {
@@ -74,9 +73,11 @@ class WriterThreads : public testing::TestWithParam<bool> {};
 
 TEST_P(WriterThreads, RunsThatCountReachTheDataFilesAndEveryBufferComesBack) {
     ZR_REQUIRE_TESTDATA();
-    ServedLibrary library;
-    const ChainFiles files = TestChain({kDD + "difftest-full.bak"}, {kDD + "difftest-diff1.bak"});
-    ServedChain chain(library, files, kGuid);
+    RunningService service;
+    ASSERT_TRUE(service.Up()) << service.Error();
+    const fs::path folder = *TestDataDir() / kDD;
+    const MountRequest files{.full = {folder / "difftest-full.bak"}, .diff = {folder / "difftest-diff1.bak"}};
+    HydrationMount chain(service, files);
     ASSERT_TRUE(chain.Ready()) << chain.Error();
     ZR_Database& db = *ZR::FindDatabase(chain.Key());
     const ZR_HydrationSizing sizing =
@@ -119,7 +120,7 @@ TEST_P(WriterThreads, RunsThatCountReachTheDataFilesAndEveryBufferComesBack) {
     EXPECT_EQ(db.m_TotalHydratedByBackupPasses, (iKept + diff.size()) * ZR_EXTENT_SIZE);
 
     auto sparse = [&](uint16_t fileId) {
-        for (const ServedChain::DataFile& f : chain.DataFiles())
+        for (const HydrationMount::DataFile& f : chain.DataFiles())
             if (f.fileId == fileId) return f.sparse;
         return fs::path();
     };

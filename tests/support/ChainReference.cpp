@@ -4,6 +4,8 @@
 
 #include "support/PageFormat.h"
 
+namespace fs = std::filesystem;
+
 namespace zrtest {
 
 namespace {
@@ -15,14 +17,12 @@ bool HoldsPages(const NaiveRestore& layer, std::uint16_t fileId, std::uint32_t p
 
 }  // namespace
 
-bool ChainReference::Build(const std::vector<std::filesystem::path>& full,
-                           const std::vector<std::filesystem::path>& diff) {
+ChainReference::ChainReference(const std::vector<fs::path>& full, const std::vector<fs::path>& diff, int dataSet) {
     for (const auto* pFiles : {&full, &diff}) {
         if (pFiles->empty()) continue;
         m_layers.emplace_back();
-        if (!m_layers.back().Apply(*pFiles)) m_error = "naive restore: " + m_layers.back().Error();
+        if (!m_layers.back().Apply(*pFiles, dataSet)) m_error += "naive restore: " + m_layers.back().Error();
     }
-    return m_error.empty();
 }
 
 int ChainReference::HoldingBackup(std::uint16_t fileId, std::uint32_t page) const {

@@ -1,7 +1,8 @@
-// What a mount of a full backup (and optionally its differential) must
-// serve, from the test walker's naive restore of each backup: a page counts
-// from the latest backup whose copy of its extent starts with an allocated
-// page. It shares no code with the library.
+// The pages that a mount of a full backup, and optionally its differential,
+// must serve, from the test walker's naive restore of each backup: a page
+// counts from the latest backup whose copy of its extent starts with an
+// allocated page (an extent whose first page is of type 0 is no copy, as in
+// the extent maps). Pages that no backup holds are null.
 #pragma once
 
 #include <cstdint>
@@ -16,11 +17,11 @@ namespace zrtest {
 
 class ChainReference {
 public:
-    // The stripes of the full backup, then of the differential (may be
-    // empty). False, with Error(), when a backup doesn't walk clean.
-    bool Build(const std::vector<std::filesystem::path>& full, const std::vector<std::filesystem::path>& diff);
-    const std::string& Error() const { return m_error; }
+    ChainReference(const std::vector<std::filesystem::path>& full, const std::vector<std::filesystem::path>& diff,
+                   int dataSet = 1);
 
+    // Empty when both backups walked clean.
+    const std::string& Error() const { return m_error; }
     // 0 the full backup, 1 the differential, -1 no backup holds the page.
     int HoldingBackup(std::uint16_t fileId, std::uint32_t page) const;
     // The page that the mount serves; null when no backup holds it.

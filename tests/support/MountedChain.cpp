@@ -20,11 +20,11 @@ constexpr wchar_t kKey[] = L"mounted-chain";
 
 }  // namespace
 
-MountedChain::MountedChain(const std::vector<fs::path>& full, const std::vector<fs::path>& diff, LiveIO eLiveIO) {
+MountedChain::MountedChain(const std::vector<fs::path>& full, const std::vector<fs::path>& diff, LiveIO eLiveIO)
+    : m_reference(full, diff), m_error(m_reference.Error()) {
     std::wcsncpy(g_wszMapFilesFolder, m_maps.path().wstring().c_str(), MAX_PATH - 1);
     m_pDB = std::make_unique<ZR_Database>(L"/tmp", GUID_NULL);
     m_pDB->SetMountKey(kKey);
-    if (!m_reference.Build(full, diff)) m_error = m_reference.Error();
     for (const auto* pFiles : {&full, &diff}) {
         if (pFiles->empty()) continue;
         ZR_Backup* pBackup = pFiles == &full ? m_pDB->NewFull() : m_pDB->NewDiff();

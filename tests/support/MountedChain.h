@@ -1,9 +1,8 @@
 // A database over a full backup and optionally its differential, prepared
 // as a mount prepares it (content, access, backups open) but without the
 // library object or a driver, with its maps in a private folder; beside it
-// the pages it must serve (ChainReference). And reads as the driver asks
-// for them (a range and a bitmap of the pages it has), checked against
-// those pages.
+// the pages it must serve (ChainReference). And reads as the driver asks for them (a
+// range and a bitmap of the pages it has), checked against those pages.
 #pragma once
 
 #include <cstdint>
@@ -38,12 +37,15 @@ public:
     // Destroys the database (its live I/O stops); the reference stays.
     void Unmount() { m_pDB.reset(); }
 
-    const ChainReference& Reference() const { return m_reference; }
+    // 0 the full backup, 1 the differential, -1 no backup holds the page.
     int HoldingBackup(std::uint16_t fileId, std::uint32_t page) const { return m_reference.HoldingBackup(fileId, page); }
+    // The page that the mount serves; null when no backup holds it.
     const std::uint8_t* ExpectedPage(std::uint16_t fileId, std::uint32_t page) const {
         return m_reference.ExpectedPage(fileId, page);
     }
+    // (file id, first page) of every extent that a backup holds.
     std::vector<std::pair<std::uint16_t, std::uint32_t>> HeldExtents() const { return m_reference.HeldExtents(); }
+    const ChainReference& Reference() const { return m_reference; }
 
 private:
     TempDir m_maps;
