@@ -37,9 +37,6 @@ constexpr int kChunkReadTries = 3;
 // for gone.
 constexpr uint32_t kDriverSilenceMs = 5000;
 constexpr uint64_t kPercentStep = 1000;
-constexpr int kFullPercent = 10000;
-
-uint32_t NowSeconds() { return static_cast<uint32_t>(_time64(nullptr)); }
 
 bool IsComplete(const ZR_HydrationRange& range) { return range.iFirstExtent == kNoExtentToHydrate; }
 

@@ -9,9 +9,9 @@
 #include "engine/ZR_Writers.h"
 #include "maps/ZR_CMaps.h"
 
-namespace {
+uint32_t ZR_Database::NowSeconds() { return static_cast<uint32_t>(_time64(nullptr)); }
 
-uint32_t NowSeconds() { return static_cast<uint32_t>(_time64(nullptr)); }
+namespace {
 
 // Paths compare without regard to case, and with '\' and '/' as one
 // separator: the driver and the library may write the same sparse file's

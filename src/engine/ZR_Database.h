@@ -232,6 +232,7 @@ public:
     // gives progress in hundredths of a percent, 0 to 10,000; never less
     // than it gave before. The caller marked itself with NotePercentWaiter.
     int WaitOnPercentChange();
+    static constexpr int kFullPercent = 10000;
     void NotePercentWaiter() { m_bPercentWaiter = true; }
     // Bytes: what the driver's bitmaps or this run's pushes tell, whichever
     // is further, and the total of the data files.
@@ -397,6 +398,8 @@ private:
     int PercentNow();
     uint64_t HydratedBytesNow();
     static unsigned HydrationProc(void* pThis);
+    // The wall clock in seconds, as the report's times are kept.
+    static uint32_t NowSeconds();
     void DataHydrateThreadProc(int iThread);
     bool HydrationEnding();
     void* AllocReadBuffer(int iThread, uint32_t iBytes);

@@ -33,10 +33,6 @@ constexpr DWORD kWaitLimitMs = 1000;
 constexpr DWORD kPercentWaitMs = 10000;
 constexpr int kCleanupTries = 1000;
 constexpr DWORD kCleanupRetryMs = 200;
-constexpr int kFullPercent = 10000;
-
-uint32_t NowSeconds() { return static_cast<uint32_t>(_time64(nullptr)); }
-
 // Waits on hEvent, a second at a time, until bDone() holds.
 template <class Done>
 void WaitUntil(HANDLE hEvent, Done bDone) {
