@@ -71,16 +71,11 @@ std::unique_ptr<ZR_Backup> PrepareBackup(const std::vector<std::string>& aFiles,
     return b;
 }
 
-// A differential serves only the full backup it was taken over: its base
-// is the full backup's checkpoint.
+// A differential serves only the full backup it was taken over.
 bool DiffBelongsToFull(ZR_Backup& full, ZR_Backup& diff) {
-    const SQL_CONFIG_INFO_V7* f = full.m_pCMaps->m_ConfigMSCI.m_pConfig;
-    const SQL_CONFIG_INFO_V7* d = diff.m_pCMaps->m_ConfigMSCI.m_pConfig;
-    if (CompareLSN(d->m_differential_base_lsn, f->m_checkpoint_lsn) == 0) return true;
-    return ZirlaneFail(__FILE__, __LINE__,
-                       "The differential backup (base LSN %s) was not taken over this full backup (checkpoint LSN "
-                       "%s).\n",
-                       ZirlaneLsn(d->m_differential_base_lsn).c_str(), ZirlaneLsn(f->m_checkpoint_lsn).c_str());
+    SQL_ConfigRecords fullConfig, diffConfig;
+    return ZirlaneDescribe(full, &fullConfig) && ZirlaneDescribe(diff, &diffConfig) &&
+           ZirlaneDiffBelongsToFull(fullConfig, diffConfig);
 }
 
 // The data files of a configuration; the sizes of a later one (the
