@@ -26,6 +26,7 @@ const char* ZR_ServerVersionName(int iVersion) {
 ZR_Backup::ZR_Backup(const wchar_t* wszKey)
     : m_pCMaps(new ZR_CMaps()), m_bOwnsCMaps(true), m_wszKey(wszKey ? _wcsdup(wszKey) : nullptr) {
     InitializeCriticalSection(&m_csNextFile);
+    InitializeCriticalSection(&m_csExtentMap);
 }
 
 ZR_Backup::~ZR_Backup() {
@@ -39,6 +40,7 @@ ZR_Backup::~ZR_Backup() {
         g_MapPool.Release(m_pCMaps);
     m_pCMaps = nullptr;
     DeleteCriticalSection(&m_csNextFile);
+    DeleteCriticalSection(&m_csExtentMap);
     free(m_wszKey);
 }
 
@@ -168,6 +170,24 @@ bool ZR_Backup::TakeSharedContentMap() {
     return true;
 }
 
+// A map read from a file, or shared, stands for the files as they were when
+// it was made: a file cut short since then would have its view and its
+// reads run past its end.
+bool ZR_Backup::FilesHoldTheirMap() {
+    for (int i = 0; i < GetNumFiles() && i < m_pCMaps->GetNumFiles(); ++i) {
+        const uint64_t iEnd = m_pCMaps->GetRowEnd(i);
+        const uint64_t iSize = m_aFiles(i)->GetFileSize();
+        if (iSize >= iEnd)
+            continue;
+        ZR_Error(m_wszKey, __FILE__, "ZR_Backup::PrepareContent", __LINE__,
+                 "The backup file %S is %I64d bytes long, shorter than the %I64d bytes that its content map "
+                 "records: the file has been cut short.\n",
+                 m_aFiles(i)->GetFileName(), static_cast<int64_t>(iSize), static_cast<int64_t>(iEnd));
+        return false;
+    }
+    return true;
+}
+
 // The builder's road: read the map from a file, or scan the backup and
 // write the map; either way what the mount uses comes from the file.
 bool ZR_Backup::BuildContentMap(bool* pbMapped) {
@@ -188,6 +208,8 @@ bool ZR_Backup::BuildContentMap(bool* pbMapped) {
                  "Not all of the %d required striped backup files are specified.\n", pMap->GetRequiredFiles());
         return false;
     }
+    if (*pbMapped && !FilesHoldTheirMap())
+        return false;
     if (!*pbMapped) {
         ZR_ScanFull scan(this, iDataSet);
         if (!scan.ScanFiles()) {
@@ -210,7 +232,11 @@ bool ZR_Backup::BuildContentMap(bool* pbMapped) {
         return false;
     pMap->ClearContents();
     pMap->SetBackupName(wszFirst);
-    return pMap->Read();
+    if (pMap->Read())
+        return true;
+    ZR_Error(m_wszKey, __FILE__, "ZR_Backup::PrepareContent", __LINE__,
+             "The content map just written for data set %d of file %S cannot be read back.\n", iDataSet, wszFirst);
+    return false;
 }
 
 bool ZR_Backup::CheckVersion(int32_t* piVersion) {
@@ -258,20 +284,33 @@ bool ZR_Backup::PrepareContent(int32_t* piVersion) {
         return false;
     }
     SortFiles();
-    if (!TakeSharedContentMap())
+    if (!TakeSharedContentMap()) {
+        ZR_Error(m_wszKey, __FILE__, "ZR_Backup::PrepareContent", __LINE__,
+                 "No file of data set %d is a backup of a supported format.\n", iDataSet);
         return false;
-    bool bBuilder = !m_pCMaps->GetIsCreated();
-    // Another object built the map: only the views are this object's own.
-    if (!bBuilder && !ZR_ScanVirtualizeBackup::Run(this))
-        return false;
-    if (bBuilder) {
-        bool bMapped = false;
-        if (!BuildContentMap(&bMapped))
-            return FailContent(true);
     }
+    const bool bBuilder = !m_pCMaps->GetIsCreated();
+    if (!bBuilder)
+        return UseSharedContentMap(piVersion);
+    // Whatever the build throws, the map ends failed, so that the mounts
+    // waiting for it wake; the exception goes on.
+    try {
+        bool bMapped = false;
+        if (!BuildContentMap(&bMapped) || !m_pCMaps->m_ConfigMSCI.m_pConfig || !CheckVersion(piVersion))
+            return FailContent(true);
+    } catch (...) {
+        FailContent(true);
+        throw;
+    }
+    g_MapPool.SetCreateSuccess(m_pCMaps);
+    return true;
+}
+
+// Another object built the map: only the views are this object's own.
+bool ZR_Backup::UseSharedContentMap(int32_t* piVersion) {
+    if (!FilesHoldTheirMap() || !ZR_ScanVirtualizeBackup::Run(this))
+        return false;
     if (!m_pCMaps->m_ConfigMSCI.m_pConfig || !CheckVersion(piVersion))
-        return FailContent(bBuilder);
-    if (bBuilder)
-        g_MapPool.SetCreateSuccess(m_pCMaps);
+        return FailContent(false);
     return true;
 }

@@ -9,11 +9,15 @@
 // object. Every failure is recorded under m_wszKey, the mount key.
 //
 // The implementation is split by concern: ZR_Backup.cpp (life, files,
-// content map), ZR_BackupAccess.cpp (extent maps and page reads).
+// content map), ZR_BackupAccess.cpp (extent maps), ZR_ScanExtents.cpp (their
+// build), ZR_BackupReads.cpp (stripe and page reads), ZR_BackupVirtual.cpp
+// (virtual views).
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 #include "backup/MTF_Records.h"
 #include "backup/ZR_ScanIdentity.h"
@@ -26,8 +30,9 @@
 class ZR_CMaps;
 class ZR_EMaps;
 class ZR_BMaps;
-struct ZR_EMap;             // maps/ZR_EMaps.h
+struct ZR_EMap;             // maps/ZR_EMap.h
 struct ZR_StripeLocation;   // maps/ZR_CMaps.h
+struct ZR_PageFault;        // backup/ZR_BackupReads.cpp
 
 // The backup maps are built only with this switch, which nothing sets.
 constexpr bool g_bProcessBMaps = false;
@@ -103,7 +108,10 @@ public:
     // puts the pool's shared one in its place.
     ZR_CMaps* m_pCMaps = nullptr;
     bool m_bOwnsCMaps = false;
-    ZR_EMaps* m_pEMaps = nullptr;    // from g_MapPool
+    // The extent map that serves the reads, from g_MapPool. Set by
+    // PrepareAccess; a read that finds it disagreeing with the backup puts
+    // a rebuilt map in its place (an atomic store, see ReadPages).
+    ZR_EMaps* m_pEMaps = nullptr;
     CRITICAL_SECTION m_csNextFile;   // guards m_iNextFile
     int32_t m_iNextFile = 0;
     wchar_t* m_wszKey = nullptr;     // owned; the context of every error recorded here
@@ -141,10 +149,20 @@ public:
               uint64_t iVirtualOfs);
     // The extent map entry of the page in this backup; 0 when it holds no
     // copy. An all-ones entry is fetched once more and the second answer
-    // stands.
+    // stands. Any thread.
     ZR_EMap LookupPage(PageId pageId);
-    // iLen bytes of pages from the extent of entry, starting at pageId's
-    // place in it, from the file in bits 58 to 63 of the entry.
+    // iLen bytes of pages from the extent of entry (from LookupPage),
+    // starting at pageId's place in it, from the file in bits 58 to 63 of
+    // the entry; the read may run on through the extents behind it in the
+    // same file. What is read is checked against what the map promised:
+    // every page header that carries an id carries the one asked for, and
+    // the first page of each extent is one the build enters an extent by.
+    // On a disagreement the map is recorded as damaged (a warning), taken
+    // out of the pool, built again from the backup, and the read repeated
+    // through the new map, extent by extent; if that disagrees too, or the
+    // new map holds no copy of a page, the read fails with an error. The
+    // caller never gets bytes the map named wrongly. Any thread; the old
+    // map lives on until this object ends, for reads still running in it.
     bool ReadPages(ZR_ReadAhead* pAhead, void* pDest, ZR_EMap entry, PageId pageId, uint32_t iLen, ZR_IO_e eIO,
                    uint32_t* piRead);
     // Gets the extent map from the pool, a map file, or by building it.
@@ -152,10 +170,10 @@ public:
     bool ConstructBMaps();
     bool AllocBMaps();
     // One pass over the first page header of every extent of the data
-    // streams of every file; fills m_pEMaps.
-    bool ConstructEMaps();
+    // streams of every file; fills pEMaps.
+    bool ConstructEMaps(ZR_EMaps* pEMaps);
     // Extent maps built (not read from a file or shared) in this process.
-    static int ms_iExtentMapBuilds;
+    static inline std::atomic<int> ms_iExtentMapBuilds{0};
 
     // --- end of extent maps and reads ---
 
@@ -163,10 +181,36 @@ private:
     bool Probe();
     void SortFiles();
     bool TakeSharedContentMap();
+    bool FilesHoldTheirMap();
     bool BuildContentMap(bool* pbMapped);
+    bool UseSharedContentMap(int32_t* piVersion);
     bool CheckVersion(int32_t* piVersion);
     bool FailContent(bool bBuilder);
-    // Hands the extent and backup maps back to the pool.
+    // Hands the extent and backup maps back to the pool, retired ones too.
     void ReleaseAccessMaps();
+    bool CheckDataFileSizes();
+    // The extent and backup maps from the pool; a creator reads the map
+    // file or, with bBuild or without one, builds the map. Whatever is
+    // thrown, a map created here ends created or failed.
+    bool AcquireExtentMaps(int32_t iIndex, bool bBuild, ZR_EMaps** ppEMaps, ZR_BMaps** ppBMaps);
+    bool FillExtentMaps(int32_t iIndex, bool bBuild, ZR_EMaps* pEMaps, ZR_BMaps* pBMaps);
+    ZR_EMaps* ServingEMaps();
+    // Retires pBad (szWhy says where it disagreed) and puts a map built
+    // from the backup in its place, unless another read has done so.
+    bool RebuildExtentMap(ZR_EMaps* pBad, const char* szWhy);
+
+    enum class ReadVerdict { Sound, Disagrees, Failed };
+    ReadVerdict ReadThroughEntry(ZR_ReadAhead* pAhead, void* pDest, ZR_EMap entry, PageId pageId, uint32_t iLen,
+                                 ZR_IO_e eIO, uint32_t* piRead, ZR_PageFault* pFault);
+    ReadVerdict CheckPagesRead(ZR_EMap entry, PageId first, const uint8_t* p, uint32_t iRead, ZR_PageFault* pFault);
+    ReadVerdict CheckExtentStart(ZR_EMap extent, PageId start, ZR_PageFault* pFault);
+    bool ReadPagesAfterFault(ZR_ReadAhead* pAhead, void* pDest, PageId pageId, uint32_t iLen, ZR_IO_e eIO,
+                             uint32_t* piRead, ZR_PageFault fault);
+    ReadVerdict RereadByExtent(ZR_ReadAhead* pAhead, void* pDest, PageId pageId, uint32_t iLen, ZR_IO_e eIO,
+                               uint32_t* piRead, ZR_PageFault* pFault);
     char BackupType();
+
+    int32_t m_iAccessIndex = 0;               // the backup's place in the mount, from PrepareAccess
+    CRITICAL_SECTION m_csExtentMap;           // one rebuild of the extent map at a time
+    std::vector<ZR_EMaps*> m_aRetiredEMaps;   // references to maps replaced, under m_csExtentMap
 };

@@ -2,16 +2,9 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "backup/ZR_Backup.h"
-
-namespace {
-
-// Scratch of one worker: room for the aligned read that covers a header,
-// whatever the sector size up to 4 KiB.
-constexpr SIZE_T kScratch = 16384;
-
-}  // namespace
 
 ZR_ExtentHeaderReader::ZR_ExtentHeaderReader(ZR_Backup* pB) : m_pB(pB) {
     m_pHeaders = static_cast<uint8_t*>(
@@ -23,43 +16,73 @@ ZR_ExtentHeaderReader::~ZR_ExtentHeaderReader() {
         VirtualFree(m_pHeaders, 0, MEM_RELEASE);
 }
 
+namespace {
+
+constexpr uint32_t kPageIdOffset = 32;
+constexpr uint8_t kFirstDumpPageType = 100;  // types from here on are the backup's own pages
+
+}  // namespace
+
+PageId ZR_ExtentHeaderReader::PageIdOf(const uint8_t* pHeader) {
+    PageId id;
+    std::memcpy(&id, pHeader + kPageIdOffset, sizeof id);
+    return id;
+}
+
+bool ZR_ExtentHeaderReader::IsEnteredPage(const uint8_t* pHeader) {
+    return pHeader[0] == 1 && pHeader[1] != 0 && pHeader[1] < kFirstDumpPageType && PageIdOf(pHeader).m_iFileId != 0;
+}
+
 // One small aligned read around the header: the file's sector size rules
 // the unbuffered read, and a read-ahead window would read 80 KiB for 512
 // bytes.
-bool ZR_ExtentHeaderReader::ReadOne(size_t i, uint8_t* pScratch) {
-    const Extent& x = (*m_paExtents)[i];
-    ZR_BackupFile* pFile = m_pB->GetFile(x.iDevice);
-    if (!pFile)
-        return false;
+bool ZR_ExtentHeaderReader::ReadHeaderAt(ZR_BackupFile* pFile, uint64_t iOfs, uint8_t* pScratch,
+                                         uint8_t* pHeader) {
     const uint64_t iSector = pFile->GetSectorSize() ? pFile->GetSectorSize() : ZR_BackupFile::ms_iDefaultSectorSize;
-    const uint64_t iStart = x.iFileOfs & ~(iSector - 1);
-    const uint64_t iEnd = (x.iFileOfs + ms_iHeaderSize + iSector - 1) & ~(iSector - 1);
-    if (iEnd - iStart > kScratch)
+    const uint64_t iStart = iOfs & ~(iSector - 1);
+    const uint64_t iEnd = (iOfs + ms_iHeaderSize + iSector - 1) & ~(iSector - 1);
+    if (iEnd - iStart > ms_iScratchSize)
         return false;
     uint32_t iRead = 0;
     if (!pFile->Read(nullptr, pScratch, iStart, static_cast<uint32_t>(iEnd - iStart), IO_READ, &iRead) ||
-        iRead < x.iFileOfs - iStart + ms_iHeaderSize)
+        iRead < iOfs - iStart + ms_iHeaderSize)
         return false;
-    std::memcpy(m_pHeaders + i * ms_iHeaderSize, pScratch + (x.iFileOfs - iStart), ms_iHeaderSize);
+    std::memcpy(pHeader, pScratch + (iOfs - iStart), ms_iHeaderSize);
     return true;
 }
 
+void ZR_ExtentHeaderReader::Fail(std::exception_ptr pThrown) {
+    if (pThrown) {
+        std::lock_guard<std::mutex> lock(m_mxThrown);
+        if (!m_pThrown)
+            m_pThrown = pThrown;
+    }
+    m_bFailed = true;
+}
+
 void ZR_ExtentHeaderReader::Work() {
-    uint8_t* pScratch = static_cast<uint8_t*>(VirtualAlloc(nullptr, kScratch, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE));
+    uint8_t* pScratch =
+        static_cast<uint8_t*>(VirtualAlloc(nullptr, ms_iScratchSize, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE));
     if (!pScratch) {
-        InterlockedExchange(&m_iFailed, 1);
+        Fail(nullptr);
         return;
     }
-    const long n = static_cast<long>(m_paExtents->size());
-    for (long i = InterlockedIncrement(&m_iNext) - 1; i < n && !m_iFailed; i = InterlockedIncrement(&m_iNext) - 1) {
-        if (!ReadOne(static_cast<size_t>(i), pScratch))
-            InterlockedExchange(&m_iFailed, 1);
+    try {
+        const long n = static_cast<long>(m_paExtents->size());
+        for (long i = m_iNext++; i < n && !m_bFailed; i = m_iNext++) {
+            const Extent& x = (*m_paExtents)[static_cast<size_t>(i)];
+            ZR_BackupFile* pFile = m_pB->GetFile(x.iDevice);
+            if (!pFile || !ReadHeaderAt(pFile, x.iFileOfs, pScratch, m_pHeaders + i * ms_iHeaderSize))
+                Fail(nullptr);
+        }
+    } catch (...) {
+        Fail(std::current_exception());
     }
     VirtualFree(pScratch, 0, MEM_RELEASE);
 }
 
 DWORD ZR_ExtentHeaderReader::Worker(LPVOID pParam) {
-    static_cast<ZR_ExtentHeaderReader*>(pParam)->Work();
+    static_cast<ZR_ExtentHeaderReader*>(pParam)->Work();  // catches everything
     return 0;
 }
 
@@ -68,7 +91,7 @@ bool ZR_ExtentHeaderReader::Read(const std::vector<Extent>& aExtents) {
         return false;
     m_paExtents = &aExtents;
     m_iNext = 0;
-    m_iFailed = 0;
+    m_bFailed = false;
     const int nThreads =
         std::min<int>(ms_iThreads, static_cast<int>(aExtents.size() / ms_iPerThread));
     HANDLE ahThreads[ms_iThreads];
@@ -86,5 +109,7 @@ bool ZR_ExtentHeaderReader::Read(const std::vector<Extent>& aExtents) {
     for (int i = 0; i < nStarted; ++i)
         CloseHandle(ahThreads[i]);
     m_paExtents = nullptr;
-    return m_iFailed == 0;
+    if (m_pThrown)
+        std::rethrow_exception(std::exchange(m_pThrown, nullptr));
+    return !m_bFailed;
 }

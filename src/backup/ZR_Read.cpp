@@ -234,6 +234,26 @@ const MTF_DB_HDR* ZR_Read::Read(ZR_ReadAhead* pAhead, uint32_t iDBLKType, int iO
     return GetDBLK();
 }
 
+bool ZR_Read::ReadRecord(ZR_ReadAhead* pAhead, uint32_t iDBLKType, uint32_t iRecordSize,
+                         const MTF_DB_HDR** ppBlock) {
+    Reset();
+    const MTF_DB_HDR* pBlock = Read(pAhead, iDBLKType, -1);
+    *ppBlock = nullptr;
+    if (m_iDBLK < 0)
+        return true;  // the row has no such block
+    if (pBlock && MTF_BlockId(*pBlock) == iDBLKType && MTF_IsBlockChecksumValid(*pBlock) &&
+        pBlock->m_first_event_offset >= iRecordSize) {
+        *ppBlock = pBlock;
+        return true;
+    }
+    ZR_Error(m_pB->GetKey(), __FILE__, "ZR_Read::ReadRecord", __LINE__,
+             "The content map places a %.4s block of %d bytes or more at offset %I64d of backup file #%d, where the "
+             "backup holds none.\n",
+             reinterpret_cast<const char*>(&iDBLKType), static_cast<int>(iRecordSize),
+             static_cast<int64_t>(Map()->GetLocation(m_iThread, m_iDBLK).iStripeOfs), m_iThread);
+    return false;
+}
+
 const MTF_STREAM_HDR* ZR_Read::Read(ZR_ReadAhead* pAhead, uint32_t iSTREAMType) {
     if (g_iTraceMode)
         TraceLine("ZR_Read::Read MTF_STREAM_HDR::MTF_STREAM_ID\n");

@@ -77,6 +77,13 @@ public:
     // A whole block header: the block lookup, then 52 bytes to learn its
     // size, then the header. Owned by this object; null on failure.
     const MTF_DB_HDR* Read(ZR_ReadAhead* pAhead, uint32_t iDBLKType, int iOccurrence);
+    // The same block read as a record of iRecordSize bytes, checked against
+    // the backup: true with *ppBlock null when the row has no such block.
+    // When the bytes at the map's location are no such block (another
+    // identifier, a wrong header checksum, a header shorter than the
+    // record) the map does not describe the backup: false, with the reason
+    // recorded, as for a failed read.
+    bool ReadRecord(ZR_ReadAhead* pAhead, uint32_t iDBLKType, uint32_t iRecordSize, const MTF_DB_HDR** ppBlock);
     // The next stream header of the type in the current block. Owned by
     // this object; null when there is none or a read failed.
     const MTF_STREAM_HDR* Read(ZR_ReadAhead* pAhead, uint32_t iSTREAMType);

@@ -1,6 +1,7 @@
 #include "backup/ZR_Scan.h"
 #include "foundation/Unaligned.h"
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 
@@ -228,7 +229,10 @@ void ZR_Scan::ReadStream() {
         return;
     }
     if (IsWantedDataSet()) ProcessStream();
-    m_iOffset = iStart + static_cast<int64_t>(iAdvance);
+    // A length that reaches past the end of the file (a file cut short, or
+    // a damaged length) takes the walk to the end, where it stops.
+    const uint64_t iLeft = m_pFile->GetFileSize() - static_cast<uint64_t>(iStart);
+    m_iOffset = iStart + static_cast<int64_t>(std::min(iAdvance, iLeft));
 }
 
 void ZR_Scan::ProcessStream() {

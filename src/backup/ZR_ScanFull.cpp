@@ -2,6 +2,7 @@
 
 #include "backup/ZR_Backup.h"
 #include "diag/Trace.h"
+#include "diag/ZR_Error.h"
 #include "maps/ZR_CMaps.h"
 
 #include <algorithm>
@@ -17,6 +18,19 @@ constexpr uint64_t kDefaultHeaderRun = 512;
 
 ZR_StripeLocation ZR_ScanFull::At(uint64_t iOffset, uint64_t iLength) const {
     return ZR_StripeLocation{iOffset, iLength, static_cast<uint8_t>(m_iFile), iOffset, 0};
+}
+
+bool ZR_ScanFull::Finish() {
+    const ZR_CMaps* pMap = m_pB->m_pCMaps;
+    const char* szMissing = !pMap->m_ConfigMSCI.m_pConfig   ? "MSCI"
+                            : !pMap->m_ConfigMSLS.m_pConfig ? "MSLS"
+                                                            : nullptr;
+    if (!szMissing)
+        return true;
+    ZR_Error(m_wszKey, __FILE__, "ZR_ScanFull::Finish", __LINE__,
+             "No configuration was found in the %s block of data set %d of %S.\n", szMissing, m_iDataSet,
+             m_pB->GetFile(0)->GetFileName());
+    return false;
 }
 
 bool ZR_ScanFull::IsDumping() { return (GetTraceFlags() & 0x20000000) != 0; }

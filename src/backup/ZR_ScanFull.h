@@ -20,6 +20,9 @@ public:
     ZR_ScanFull(ZR_Backup* pB, int32_t iDataSet) : ZR_Scan(pB, iDataSet) {}
 
     void Start() override { ++ms_iScansRun; }
+    // False, with the reason recorded, when the walk found no configuration
+    // in the MSCI or the MSLS block: such a map could never be read back.
+    bool Finish() override;
     bool IsDumping() override;
     void Process_DBLK(const MTF_DB_HDR* pBlock, uint32_t iLength) override;
     uint32_t Process_STREAM(const MTF_STREAM_HDR* pHeader) override;

@@ -86,8 +86,10 @@ bool ZR_ScanVirtualizeBackup::VirtualizeFile(ZR_VirtualBackupFile* pVirtual, boo
     if (bDiffFollows)
         pVirtual->m_bDropLog = true;
     ZR_Read read(m_pB, m_iDevice);
-    const auto* pSset = reinterpret_cast<const MTF_SSET*>(read.Read(nullptr, MTF_ID_SSET, -1));
-    if (pSset && (pSset->m_sset_attributes & ESET_NORMAL_BIT))
+    const MTF_DB_HDR* pSset = nullptr;
+    if (!read.ReadRecord(nullptr, MTF_ID_SSET, sizeof(MTF_SSET), &pSset))
+        return false;
+    if (pSset && (reinterpret_cast<const MTF_SSET*>(pSset)->m_sset_attributes & ESET_NORMAL_BIT))
         pVirtual->m_bNormalBackup = true;
     if (!ReadTape(read, pVirtual))
         return false;
@@ -95,38 +97,48 @@ bool ZR_ScanVirtualizeBackup::VirtualizeFile(ZR_VirtualBackupFile* pVirtual, boo
         TraceLine("VirtualizeConfigBlock for both for device %d\n", m_iDevice);
     // The first configuration block also sets the backup's version, which
     // the filemark visits need.
-    VirtualizeConfigBlock(pVirtual, MTF_ID_MSCI);
-    VirtualizeConfigBlock(pVirtual, MTF_ID_MSLS);
-    VirtualizeBlocks(pVirtual);
-    return true;
+    return VirtualizeConfigBlock(pVirtual, MTF_ID_MSCI) && VirtualizeConfigBlock(pVirtual, MTF_ID_MSLS) &&
+           VirtualizeBlocks(pVirtual);
 }
 
 bool ZR_ScanVirtualizeBackup::ReadTape(ZR_Read& read, ZR_VirtualBackupFile* pVirtual) {
-    read.Reset();
-    const auto* pTape = reinterpret_cast<const MTF_TAPE*>(read.Read(nullptr, MTF_ID_TAPE, -1));
-    if (!pTape) {
+    const MTF_DB_HDR* pTape = nullptr;
+    if (!read.ReadRecord(nullptr, MTF_ID_TAPE, sizeof(MTF_TAPE), &pTape) || !pTape) {
         ZR_Error(m_pB->GetKey(), __FILE__, "ZR_ScanVirtualizeBackup::ScanFiles", __LINE__,
                  "Could not read TAPE struct in backup. GetLastError: %d\n", static_cast<int>(GetLastError()));
         return false;
     }
-    pVirtual->m_iBlockSize = MTF_SoftFilemarkSize(*pTape);
+    pVirtual->m_iBlockSize = MTF_SoftFilemarkSize(*reinterpret_cast<const MTF_TAPE*>(pTape));
     return true;
 }
 
-void ZR_ScanVirtualizeBackup::VirtualizeConfigBlock(ZR_VirtualBackupFile* pVirtual, uint32_t iBlockType) {
+// The view changes the data files' sizes in both configuration blocks, and
+// takes its kept bytes from the first: a block that cannot be read leaves
+// no view to make.
+bool ZR_ScanVirtualizeBackup::VirtualizeConfigBlock(ZR_VirtualBackupFile* pVirtual, uint32_t iBlockType) {
     ZR_Read read(m_pB, m_iDevice);
     bool bFound = read.Lookup(iBlockType, -1) && read.LookupSTREAM(MTF_ID_MQCI, -1);
     uint64_t iLength = bFound ? read.GetStreamLength() : 0;
     if (g_iTraceMode)
         TraceLine("VirtualizeConfigBlock iDBLkLen: %d bFound: %d\n", static_cast<int>(iLength), bFound ? 1 : 0);
-    if (!bFound || iLength == 0 || iLength > kMaxConfigBytes || !read.SeekStreamOffset(0))
-        return;
-    int64_t iStripeOffset = static_cast<int64_t>(read.GetStripeOffset());
+    std::vector<uint8_t> aData;
+    int64_t iStripeOffset = 0;
+    if (bFound && iLength > 0 && iLength <= kMaxConfigBytes && read.SeekStreamOffset(0)) {
+        iStripeOffset = static_cast<int64_t>(read.GetStripeOffset());
+        aData.resize(iLength);
+        if (!read.Read(nullptr, aData.data(), 0, static_cast<uint32_t>(iLength)))
+            aData.clear();
+    }
+    if (aData.empty()) {
+        ZR_Error(m_pB->GetKey(), __FILE__, "ZR_ScanVirtualizeBackup::VirtualizeConfigBlock", __LINE__,
+                 "No configuration stream of %I64u bytes can be read in the %.4s block of backup file #%d.\n",
+                 iLength, reinterpret_cast<const char*>(&iBlockType), m_iDevice);
+        return false;
+    }
     if (g_iTraceMode)
         TraceLine("xbread.GetStripeOffset(): %I64d\n", iStripeOffset);
-    std::vector<uint8_t> aData(iLength);
-    if (read.Read(nullptr, aData.data(), 0, static_cast<uint32_t>(iLength)))
-        Virtualize_MQCI(aData.data(), pVirtual, iStripeOffset, static_cast<uint32_t>(iLength));
+    Virtualize_MQCI(aData.data(), pVirtual, iStripeOffset, static_cast<uint32_t>(iLength));
+    return true;
 }
 
 void ZR_ScanVirtualizeBackup::Virtualize_MQCI(const uint8_t* pData, ZR_VirtualBackupFile* pVirtual, int64_t iOfs,
@@ -179,33 +191,36 @@ void ZR_ScanVirtualizeBackup::VirtualizeConfigRecord(const uint8_t* pRecord, uin
     }
 }
 
-void ZR_ScanVirtualizeBackup::VirtualizeBlocks(ZR_VirtualBackupFile* pVirtual) {
+bool ZR_ScanVirtualizeBackup::VirtualizeBlocks(ZR_VirtualBackupFile* pVirtual) {
     ZR_CMaps* pMap = m_pB->m_pCMaps;
     const int n = pMap->GetNumDBLKs(m_iDevice);
-    for (int i = 0; i < n; ++i) {
+    bool bOk = true;
+    for (int i = 0; i < n && bOk; ++i) {
         const uint32_t iType = (*pMap)(m_iDevice, i).m_iType;
         const ZR_StripeLocation loc = pMap->GetLocation(m_iDevice, i);
         const int64_t iOfs = static_cast<int64_t>(loc.iStripeOfs);
         if (iType == MTF_ID_MSDA)
-            VirtualizeDataBlock(pVirtual, i);
+            bOk = VirtualizeDataBlock(pVirtual, i);
         else if (iType == MTF_ID_SFMB)
-            VirtualizeFilemarkAt(pVirtual, loc);
+            bOk = VirtualizeFilemarkAt(pVirtual, loc);
         else if (iType == MTF_ID_MSTL)
             Virtualize_MSTL(nullptr, pVirtual, iOfs);
         else if (iType == MTF_ID_MSLS)
             Virtualize_MSLS(nullptr, pVirtual, iOfs);
     }
+    return bOk;
 }
 
 // The first stream of the block, then the last one; a block with one stream
 // is visited twice, and the second visit changes nothing.
-void ZR_ScanVirtualizeBackup::VirtualizeDataBlock(ZR_VirtualBackupFile* pVirtual, int iDBLK) {
+bool ZR_ScanVirtualizeBackup::VirtualizeDataBlock(ZR_VirtualBackupFile* pVirtual, int iDBLK) {
     const int iStreams = m_pB->m_pCMaps->GetNumSTREAMs(m_iDevice, iDBLK);
     if (iStreams <= 0)
-        return;
-    VirtualizeStreamAt(pVirtual, iDBLK, 0);
-    VirtualizeStreamAt(pVirtual, iDBLK, iStreams - 1);
+        return true;
+    if (!VirtualizeStreamAt(pVirtual, iDBLK, 0) || !VirtualizeStreamAt(pVirtual, iDBLK, iStreams - 1))
+        return false;
     AlignHole(pVirtual);
+    return true;
 }
 
 // Everything behind the hole moves down by its length, and the soft
@@ -239,24 +254,49 @@ void ZR_ScanVirtualizeBackup::AlignHole(ZR_VirtualBackupFile* pVirtual) {
     }
 }
 
-void ZR_ScanVirtualizeBackup::VirtualizeStreamAt(ZR_VirtualBackupFile* pVirtual, int iDBLK, int iSTREAM) {
-    const ZR_StripeLocation loc = m_pB->m_pCMaps->GetLocation(m_iDevice, iDBLK, iSTREAM);
-    ReadLocation(loc, kStreamHeader);
-    m_iFile = m_iDevice;
+// The header at the map's location must be the stream the map says, and
+// the data it announces must lie in the file: the cuts are worked out from
+// its length.
+bool ZR_ScanVirtualizeBackup::VirtualizeStreamAt(ZR_VirtualBackupFile* pVirtual, int iDBLK, int iSTREAM) {
+    ZR_CMaps* pMap = m_pB->m_pCMaps;
+    const ZR_StripeLocation loc = pMap->GetLocation(m_iDevice, iDBLK, iSTREAM);
+    const uint32_t iType = (*pMap)(m_iDevice, iDBLK)(iSTREAM).m_iType;
     MTF_STREAM_HDR hdr;
+    const bool bRead = ReadLocation(loc, kStreamHeader);
     std::memcpy(&hdr, m_pBuffer.get(), sizeof hdr);
+    const uint64_t iEnd = m_pB->GetFile(m_iDevice)->GetFileSize();
+    const uint64_t iData = loc.iStripeOfs + kStreamHeader;
+    if (!bRead || MTF_StreamId(hdr) != iType || !MTF_IsStreamChecksumValid(hdr) || iData > iEnd ||
+        hdr.m_length > iEnd - iData) {
+        ZR_Error(m_pB->GetKey(), __FILE__, "ZR_ScanVirtualizeBackup::Virtualize_MSDA", __LINE__,
+                 "The %.4s stream header that the content map places at offset %I64d of backup file #%d is not "
+                 "there, or its %I64u bytes run past the end of the file (%I64u bytes).\n",
+                 reinterpret_cast<const char*>(&iType), static_cast<int64_t>(loc.iStripeOfs), m_iDevice,
+                 hdr.m_length, iEnd);
+        return false;
+    }
+    m_iFile = m_iDevice;
     Virtualize_MSDA(&hdr, pVirtual, static_cast<int64_t>(loc.iStripeOfs));
+    return true;
 }
 
-void ZR_ScanVirtualizeBackup::VirtualizeFilemarkAt(ZR_VirtualBackupFile* pVirtual, const ZR_StripeLocation& loc) {
-    ReadLocation(loc, kFilemarkHeadBytes);
-    Virtualize_SFMB(reinterpret_cast<const MTF_DB_HDR*>(m_pBuffer.get()), pVirtual,
-                    static_cast<int64_t>(loc.iStripeOfs));
+bool ZR_ScanVirtualizeBackup::VirtualizeFilemarkAt(ZR_VirtualBackupFile* pVirtual, const ZR_StripeLocation& loc) {
+    const auto* pBlock = reinterpret_cast<const MTF_DB_HDR*>(m_pBuffer.get());
+    if (!ReadLocation(loc, kFilemarkHeadBytes) || MTF_BlockId(*pBlock) != MTF_ID_SFMB ||
+        !MTF_IsBlockChecksumValid(*pBlock)) {
+        ZR_Error(m_pB->GetKey(), __FILE__, "ZR_ScanVirtualizeBackup::Virtualize_SFMB", __LINE__,
+                 "The soft filemark block that the content map places at offset %I64d of backup file #%d is not "
+                 "there.\n",
+                 static_cast<int64_t>(loc.iStripeOfs), m_iDevice);
+        return false;
+    }
+    Virtualize_SFMB(pBlock, pVirtual, static_cast<int64_t>(loc.iStripeOfs));
+    return true;
 }
 
 // A compressed backup can deliver the bytes in more than one read, each
 // going on from the location behind the one before.
-void ZR_ScanVirtualizeBackup::ReadLocation(const ZR_StripeLocation& loc, uint32_t iLen) {
+bool ZR_ScanVirtualizeBackup::ReadLocation(const ZR_StripeLocation& loc, uint32_t iLen) {
     iLen = std::min(iLen, ms_iBufferBytes);
     ZR_StripeLocation cur = loc;
     uint32_t iDone = 0;
@@ -266,10 +306,11 @@ void ZR_ScanVirtualizeBackup::ReadLocation(const ZR_StripeLocation& loc, uint32_
         if (!m_pB->Read(nullptr, m_pBuffer.get() + iDone, cur, 0, iLen - iDone, IO_READ, 0, &iRead, m_iDevice,
                         &next, cur.iStripeOfs) ||
             iRead == 0)
-            return;
+            return false;
         iDone += iRead;
         cur = next;
     }
+    return true;
 }
 
 void ZR_ScanVirtualizeBackup::Virtualize_MSDA(const MTF_STREAM_HDR* pStream, ZR_VirtualBackupFile* pVirtual,

@@ -33,7 +33,10 @@ public:
 
     // bDiffFollows: a differential is restored over this full backup, so its
     // log part is cut too and its last LSN made its first. False after
-    // recording the reason (an open that fails, a file without TAPE).
+    // recording the reason: an open that fails, or a map that does not fit
+    // the backup (a file without TAPE or a configuration stream, a header
+    // that is not at the place the map gives, a data stream that runs past
+    // the end of its file).
     bool ScanFiles(bool bDiffFollows);
     // What ZR_Backup::PrepareContent runs: the scan of pB's views with its
     // m_bDiffFollows; a failure adds "File Backup Virtualize Scan failed for
@@ -55,17 +58,17 @@ public:
 private:
     bool VirtualizeFile(ZR_VirtualBackupFile* pVirtual, bool bDiffFollows);
     bool ReadTape(ZR_Read& read, ZR_VirtualBackupFile* pVirtual);
-    void VirtualizeConfigBlock(ZR_VirtualBackupFile* pVirtual, uint32_t iBlockType);
-    void VirtualizeBlocks(ZR_VirtualBackupFile* pVirtual);
-    void VirtualizeDataBlock(ZR_VirtualBackupFile* pVirtual, int iDBLK);
+    bool VirtualizeConfigBlock(ZR_VirtualBackupFile* pVirtual, uint32_t iBlockType);
+    bool VirtualizeBlocks(ZR_VirtualBackupFile* pVirtual);
+    bool VirtualizeDataBlock(ZR_VirtualBackupFile* pVirtual, int iDBLK);
     void AlignHole(ZR_VirtualBackupFile* pVirtual);
-    void VirtualizeStreamAt(ZR_VirtualBackupFile* pVirtual, int iDBLK, int iSTREAM);
-    void VirtualizeFilemarkAt(ZR_VirtualBackupFile* pVirtual, const ZR_StripeLocation& loc);
+    bool VirtualizeStreamAt(ZR_VirtualBackupFile* pVirtual, int iDBLK, int iSTREAM);
+    bool VirtualizeFilemarkAt(ZR_VirtualBackupFile* pVirtual, const ZR_StripeLocation& loc);
     void VirtualizeConfigRecord(const uint8_t* pRecord, uint32_t iSize, ZR_VirtualBackupFile* pVirtual,
                                 int64_t iRecordOfs);
-    // Reads up to iLen bytes at loc into m_pBuffer (what a read leaves
-    // unread keeps what the buffer held).
-    void ReadLocation(const ZR_StripeLocation& loc, uint32_t iLen);
+    // Reads iLen bytes (at most the buffer) at loc into m_pBuffer; false
+    // when they cannot all be read.
+    bool ReadLocation(const ZR_StripeLocation& loc, uint32_t iLen);
     void AddChange(ZR_VirtualBackupFile* pVirtual, int64_t iOffset, const void* pValue, uint16_t iLength,
                    bool bAdditive);
 

@@ -61,8 +61,12 @@ public:
 
     // The mapping above; a log backup (all fields 0) maps v to v.
     int64_t RealOffset(int64_t iViewOffset) const;
-    // m_iMSLS - m_iFirstMSTL when the log part is cut, else 0.
-    int64_t LogCut() const { return m_bDropLog ? m_iMSLS - m_iFirstMSTL : 0; }
+    // m_iMSLS - m_iFirstMSTL when the log part is cut, else 0. The cut
+    // begins at the first MSTL: a file without one, or with no MSLS behind
+    // it, has no log part to cut.
+    int64_t LogCut() const {
+        return m_bDropLog && m_iFirstMSTL > 0 && m_iMSLS > m_iFirstMSTL ? m_iMSLS - m_iFirstMSTL : 0;
+    }
     // Bytes of the view, given the location of the last block of its row:
     // the block's end rounded up to a soft filemark block, less the cuts. A
     // log backup (m_iBlockSize 0) ends at the start of that block.

@@ -11,7 +11,6 @@
 
 namespace {
 
-constexpr uint32_t MAX_SECTOR_SIZE = 16384;  // the window must hold whole sectors, rounded up
 constexpr uint64_t ENTRY_OFFSET_MASK = (uint64_t(1) << 52) - 1;
 
 bool IsPowerOfTwo(uint32_t i) { return i != 0 && (i & (i - 1)) == 0; }
@@ -169,7 +168,7 @@ bool ZR_BackupFile::LearnSectorSize() {
     }
     // Every alignment test masks with the sector size, and a window must
     // hold whole sectors: anything else would make the reads unsound.
-    if (!IsPowerOfTwo(iBytesPerSector) || iBytesPerSector > MAX_SECTOR_SIZE) {
+    if (!IsPowerOfTwo(iBytesPerSector) || iBytesPerSector > ms_iMaxSectorSize) {
         ZR_Error(m_pwszContext, __FILE__, "ZR_BackupFile::Open", __LINE__,
                  "GetDiskFreeSpace returned sector size %d for file %S\n", static_cast<int>(iBytesPerSector),
                  m_pwszFileName);

@@ -38,6 +38,9 @@
 class ZR_BackupFile {
 public:
     static constexpr uint32_t ms_iDefaultSectorSize = 512;
+    // The largest sector size Open accepts: a read-ahead window must hold
+    // whole sectors, and buffers for aligned reads are sized from it.
+    static constexpr uint32_t ms_iMaxSectorSize = 16384;
     static constexpr size_t ms_iRootChars = 64;
     // Flags of the open: FILE_FLAG_OVERLAPPED | FILE_FLAG_NO_BUFFERING
     // | FILE_ATTRIBUTE_NORMAL.

@@ -4,6 +4,7 @@
 
 #include "diag/Trace.h"
 #include "diag/ZR_Error.h"
+#include "engine/ZR_ChainCheck.h"
 #include "engine/OwnedString.h"
 #include "maps/ZR_CMaps.h"
 
@@ -90,6 +91,7 @@ bool ZR_Database::PrepareContent() {
         }
         if (!HasKindOfSlot(pBackup, i))
             return false;
+        if (i + 1 == GetNumBackups() && !ZR_CheckChain(*this)) return false;  // once every backup is prepared
     }
     StartLiveIORead();  // reads may come from here on, before any data file is open
     return true;

@@ -7,6 +7,7 @@
 #include "foundation/Utf16.h"
 #include "platform/WideStdio.h"
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 
@@ -136,7 +137,7 @@ bool X_MapFile::FormName(X_MapLocale_e eLocale) {
             return false;
         if (m_eBackend == ZR_BACKEND_KELP)
             name = ZR_FormatW(L"%s\\%hs.%hs", g_wszMapFilesFolder, GuidText(m_KlbsGuid).c_str(), GetFileExtension());
-        else if (m_eBackend == ZR_BACKEND_MTF || m_eBackend == 3)
+        else if (X_MapBackend(m_eBackend) == ZR_BACKEND_MTF)
             name = ZR_FormatW(L"%s\\%hs %hs 0x%08.8X.%hs", g_wszMapFilesFolder, CachedNameDate(m_MediaDate).c_str(),
                               CachedNameDate(m_MediaWriteDate).c_str(), m_iMediaFamilyId, GetFileExtension());
         else
@@ -194,8 +195,10 @@ bool X_MapFile::ReadPreamble() {
 
 bool X_MapFile::OpenForMMF() {
     m_eMapPlug = X_MAPPLUG_MMF;
-    m_hFile = CreateFileW(m_wszMapFileName, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
-                          FILE_ATTRIBUTE_NORMAL, nullptr);
+    // Shared for deleting too: a map found damaged while its view is in use
+    // gives its name to the map built in its place (OpenForWrite).
+    m_hFile = CreateFileW(m_wszMapFileName, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
+                          OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (m_hFile != INVALID_HANDLE_VALUE) {
         m_FileHandleOpen = ZR_HandleTag(m_hFile);
         if (g_iTraceMode)
@@ -270,7 +273,11 @@ bool X_MapFile::OpenForWrite(X_MapLocale_e eLocale) {
     if (!SetMapLocale(eLocale))
         return false;
     m_eMapPlug = X_MAPPLUG_STDIO;
-    m_pFile = _wfopen(m_wszMapFileName, L"wb");
+    // A new file rather than the old one cut to nothing: a map may still be
+    // mapped from the old file, here or in another process, and its view
+    // must keep its bytes. A file that cannot go is not written over.
+    if (DeleteFileW(m_wszMapFileName) || GetFileAttributesW(m_wszMapFileName) == INVALID_FILE_ATTRIBUTES)
+        m_pFile = _wfopen(m_wszMapFileName, L"wb");
     m_iCurrOffset = m_iOffset;
     if (m_pFile && WritePreamble())
         return true;
@@ -310,8 +317,11 @@ bool X_MapFile::OpenForUpdate() {
             bOk = m_pView && ReadPreamble() && ReadContent(true);
         }
     }
-    if (!bOk)
+    if (!bOk) {
+        ZR_Error(nullptr, __FILE__, "X_MapFile::OpenForUpdate", __LINE__, "Failed to open %s \"%S\" for update\n",
+                 GetMapName(), m_wszMapFileName);
         Close();
+    }
     return bOk;
 }
 
@@ -445,6 +455,24 @@ bool X_MapFile::Write(const void* p, unsigned cb, unsigned n) {
     else if (m_pFile)
         bOk = std::fwrite(p, 1, total, m_pFile) == total;
     m_iCurrOffset += total;
+    return bOk;
+}
+
+bool X_MapFile::WriteZeros(uint64_t cb) {
+    // Shorter runs are written: seeking flushes the stream's buffer.
+    constexpr uint64_t kHoleFrom = 65536;
+    static const uint8_t zeros[4096] = {};
+    bool bOk = m_pFile != nullptr || cb == 0;
+    if (bOk && cb >= kHoleFrom) {
+        bOk = _fseeki64(m_pFile, static_cast<int64_t>(cb), SEEK_CUR) == 0;
+        m_iCurrOffset += cb;
+        return bOk;
+    }
+    for (uint64_t iLeft = cb; bOk && iLeft > 0;) {
+        const unsigned n = static_cast<unsigned>(std::min<uint64_t>(iLeft, sizeof zeros));
+        bOk = Write(zeros, 1, n);
+        iLeft -= n;
+    }
     return bOk;
 }
 

@@ -44,6 +44,10 @@ extern wchar_t g_wszMapFilesFolder[MAX_PATH];
 // "Embedded", "Satellite", "Cached", or "" for anything else.
 const char* MapLocaleName(X_MapLocale_e eLocale);
 
+// The backend a map's backend word stands for: 3 is read and written like a
+// native backup (1) by all map code, though no scan produces it.
+inline int32_t X_MapBackend(int32_t iBackend) { return iBackend == 3 ? ZR_BACKEND_MTF : iBackend; }
+
 class X_MapFile {
 public:
     X_MapFile();
@@ -90,6 +94,10 @@ public:
     // end of the file or view.
     bool Read(void* p, unsigned cb, unsigned n);
     bool Write(const void* p, unsigned cb, unsigned n);
+    // cb zero bytes at the current position; a long run becomes a hole of
+    // the file, which costs no disk. Something must be written behind it,
+    // or the file ends before the hole.
+    bool WriteZeros(uint64_t cb);
     // Memory for n items of cb bytes: with the mapping, a pointer into the
     // view (true: the caller does not own it); with the stream, a zeroed
     // Calloc block of *pcbAlloc bytes (false). A count that cannot fit in
@@ -141,6 +149,10 @@ public:
     void SetIsCreated(bool b);
     void SetCreatedEvent();
     void WaitForCreatedEvent();
+    // Found damaged: out of the pool's lookups (ZR_MapPool::Retire). Under
+    // g_MapPool's lock.
+    bool GetIsRetired() const { return m_bRetired; }
+    void SetIsRetired() { m_bRetired = true; }
 
 protected:
     // The 520 bytes of a 260-character name as it lies in a map file.
@@ -179,6 +191,7 @@ protected:
     int32_t m_iRefCount = 0;
     HANDLE m_hCreatedEvent = nullptr;
     bool m_bIsCreated = false;
+    bool m_bRetired = false;  // under g_MapPool's lock
 
 private:
     bool FormName(X_MapLocale_e eLocale);

@@ -3,6 +3,8 @@
 #include "diag/Trace.h"
 #include "foundation/Alloc.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <string>
 
@@ -160,7 +162,7 @@ bool ZR_CMaps::WriteIdentity() {
 
 bool ZR_CMaps::ReadIdentity() {
     int32_t iBackend = 0;
-    if (!Read(&iBackend, 4, 1) || iBackend != m_eBackend)
+    if (!Read(&iBackend, 4, 1) || X_MapBackend(iBackend) != X_MapBackend(m_eBackend))
         return false;
     int32_t iRequired = 0;
     if (!Read(&iRequired, 4, 1))
@@ -202,7 +204,7 @@ bool ZR_CMaps::ReadContent(bool /*bUpdate*/) {
     if (!Read(&iDataSet, 4, 1) || iDataSet != m_iDataSetNumber)
         return false;
     bool bOk = ReadConfig(m_ConfigMSCI) && ReadConfig(m_ConfigMSLS) && AA<ZR_DBLK_CMap>::SerializeRead(this) &&
-               GetNumFiles() > 0;
+               GetNumFiles() > 0 && LocationsFit();
     if (!bOk)
         ClearContents();
     return bOk;
@@ -244,6 +246,50 @@ bool ZR_CMaps::AddSegment(int iFile, const ZR_StripeLocation& loc) {
 uint32_t ZR_CMaps::GetType(int iFile) {
     int iBlocks = Count(iFile);
     return iBlocks ? (*this)(iFile, iBlocks - 1).m_iType : 0;
+}
+
+template <class F>
+bool ZR_CMaps::EveryLocation(int iFile, F f) {
+    for (int iDBLK = 0; iDBLK < Count(iFile); ++iDBLK) {
+        ZR_DBLK_CMap& block = (*this)(iFile, iDBLK);
+        if (!f(block.m_Location))
+            return false;
+        for (int iSTREAM = 0; iSTREAM < static_cast<int>(block); ++iSTREAM) {
+            ZR_STREAM_CMap& stream = block(iSTREAM);
+            if (!f(stream.m_Location))
+                return false;
+            for (int iSegment = 0; iSegment < static_cast<int>(stream); ++iSegment)
+                if (!f(stream(iSegment)))
+                    return false;
+        }
+    }
+    return true;
+}
+
+uint64_t ZR_CMaps::GetRowEnd(int iFile) {
+    uint64_t iEnd = 0;
+    EveryLocation(iFile, [&](const ZR_StripeLocation& stored) {
+        const ZR_StripeLocation loc = Based(stored);
+        const uint64_t iLast = loc.iLength > UINT64_MAX - loc.iBkpFileOfs ? UINT64_MAX : loc.iBkpFileOfs + loc.iLength;
+        iEnd = std::max(iEnd, iLast);
+        return true;
+    });
+    return iEnd;
+}
+
+// Every location of row i names file i, and in a native map a stripe offset
+// is the backup file offset: a map that says otherwise is damaged, and is
+// passed over like any map that does not read.
+bool ZR_CMaps::LocationsFit() {
+    const bool bNative = X_MapBackend(m_eBackend) == ZR_BACKEND_MTF;
+    for (int iFile = 0; iFile < GetNumFiles(); ++iFile) {
+        bool bFit = EveryLocation(iFile, [&](const ZR_StripeLocation& loc) {
+            return loc.iDevice == iFile && (!bNative || (loc.iStripeOfs == loc.iBkpFileOfs && loc.iRelativeOfs == 0));
+        });
+        if (!bFit)
+            return false;
+    }
+    return true;
 }
 
 ZR_StripeLocation ZR_CMaps::Based(ZR_StripeLocation loc) const {

@@ -139,6 +139,10 @@ public:
     }
     // Type of the row's last block, 0 for an empty row.
     uint32_t GetType(int iFile);
+    // The backup file offset behind the furthest thing that row iFile
+    // locates; 0 for an empty row, and the largest offset when a location
+    // reaches past it.
+    uint64_t GetRowEnd(int iFile);
 
     // Forgets the configurations and the block table (after a write, so that
     // what the mount uses is read back from the file).
@@ -154,4 +158,9 @@ private:
     bool ReadConfig(ZR_ConfigInfo& config);
     bool WriteConfig(ZR_ConfigInfo& config);
     ZR_StripeLocation Based(ZR_StripeLocation loc) const;
+    // Calls f on each location of row iFile as the file holds it (every
+    // block, its streams, their segments) until f gives false.
+    template <class F>
+    bool EveryLocation(int iFile, F f);
+    bool LocationsFit();
 };

@@ -10,13 +10,7 @@ namespace {
 constexpr uint64_t kHeaderSize = 24;
 constexpr int kVersionWithBackend = 2;
 constexpr uint32_t kPageIdOffset = 32;  // in a page header
-// Page numbers are 32 bits, so no file has more extents than this; a file
-// size beyond it in a configuration is not taken at its word.
-constexpr uint64_t kMaxExtents = uint64_t{1} << 29;
 constexpr uint64_t kTraceFlagExtentMap = 32;
-
-// Backend 3 is read and written like a native backup.
-int NormalBackend(int iBackend) { return iBackend == 3 ? ZR_BACKEND_MTF : iBackend; }
 
 // One of the three texts of an entry, chosen the same way for lookups and
 // stores: by a zero offset, by -1, or the location itself.
@@ -57,21 +51,32 @@ std::string BackupSlotName(int iBackup) {
 uint32_t ZR_EMaps::GetContentSize() {
     auto lock = TableLock();
     uint64_t cb = kHeaderSize;
-    for (int iX = 0; iX < m_i; ++iX)
-        cb += sizeof(uint32_t) + uint64_t{sizeof(ZR_EMap)} * static_cast<unsigned>(m_ai[iX]);
+    if (IsBuilt()) {
+        for (int iX = 0; iX < m_held.Rows(); ++iX)
+            cb += sizeof(uint32_t) + uint64_t{sizeof(ZR_EMap)} * ZR_HeldExtents::RowCount(m_held.Row(iX));
+    } else {
+        for (int iX = 0; iX < m_i; ++iX)
+            cb += sizeof(uint32_t) + uint64_t{sizeof(ZR_EMap)} * static_cast<unsigned>(m_ai[iX]);
+    }
     // A map of 4 GiB or more cannot be told by a 32-bit size: it is written
     // with a size that its reader refuses, and then built again.
     return static_cast<uint32_t>(cb);
 }
 
+void ZR_EMaps::Clean() {
+    auto lock = TableLock();
+    AA<ZR_EMap>::Clean();
+    m_held.Clear();
+    m_bWritableView = false;
+}
+
 bool ZR_EMaps::ReadContent(bool bUpdate) {
     Clean();
-    m_bWritableView = false;
     bool bIncremental = false;
     if (m_iFileVersion >= kVersionWithBackend) {
         int32_t iBackend = 0;
         uint32_t iFlag = 0;
-        if (!Read(&iBackend, 4, 1) || NormalBackend(iBackend) != NormalBackend(m_eBackend) || !Read(&iFlag, 4, 1))
+        if (!Read(&iBackend, 4, 1) || X_MapBackend(iBackend) != X_MapBackend(m_eBackend) || !Read(&iFlag, 4, 1))
             return false;
         bIncremental = iFlag != 0;
     } else if (m_iFileVersion != 1) {
@@ -81,7 +86,10 @@ bool ZR_EMaps::ReadContent(bool bUpdate) {
     if (bIncremental && !bUpdate)
         return true;
     ZR_MapCountGuard<X_MapFile> guard(this, sizeof(uint32_t));
-    bool bOk = AA<ZR_EMap>::SerializeRead(&guard) && m_i > 0;
+    // Every byte is accounted for: a count damaged into a smaller one would
+    // otherwise pass, and leave extents out that the backup holds.
+    bool bOk = AA<ZR_EMap>::SerializeRead(&guard) && m_i > 0 &&
+               (m_eMapLocale == X_MAPLOCALE_EMBEDDED || BytesLeft() == 0);
     if (!bOk)
         Clean();
     // Only an update view is writable; a read-only view is copied out of
@@ -93,24 +101,50 @@ bool ZR_EMaps::ReadContent(bool bUpdate) {
 bool ZR_EMaps::WriteContent() {
     int32_t iBackend = m_eBackend;
     uint32_t iFlag = m_bIsIncremental ? 1 : 0;
-    return Write(&iBackend, 4, 1) && Write(&iFlag, 4, 1) &&
-           AA<ZR_EMap>::SerializeWrite(static_cast<X_MapFile*>(this));
+    if (!Write(&iBackend, 4, 1) || !Write(&iFlag, 4, 1))
+        return false;
+    auto lock = TableLock();
+    return IsBuilt() ? WriteHeld() : AA<ZR_EMap>::SerializeWrite(static_cast<X_MapFile*>(this));
+}
+
+// Each row runs to its last extent held; the empty entries between are
+// zeros, and long runs of them holes of the file.
+bool ZR_EMaps::WriteHeld() {
+    uint32_t iRows = static_cast<uint32_t>(m_held.Rows());
+    if (!Write(&iRows, sizeof iRows, 1))
+        return false;
+    for (uint32_t iX = 0; iX < iRows; ++iX) {
+        std::span<const ZR_HeldExtents::Held> row = m_held.Row(static_cast<int>(iX));
+        uint32_t iCount = ZR_HeldExtents::RowCount(row);
+        if (!Write(&iCount, sizeof iCount, 1))
+            return false;
+        uint32_t iNext = 0;
+        for (const ZR_HeldExtents::Held& h : row) {
+            if (!WriteZeros(uint64_t{h.Extent() - iNext} * sizeof(ZR_EMap)) || !Write(&h.e, sizeof h.e, 1))
+                return false;
+            iNext = h.Extent() + 1;
+        }
+    }
+    return true;
 }
 
 ZR_EMap ZR_EMaps::Fetch(PageId pageId) {
     int iFile = pageId.m_iFileId;
     int iExtent = static_cast<int>(pageId.m_iPage >> 3);
     ZR_EMap e;
-    bool bHeld = false;
+    bool bFound = false;
     {
         auto lock = TableLock();
-        if (Exists(iFile, iExtent)) {
-            e = m_aa[iFile][iExtent];
-            bHeld = true;
+        if (!IsBuilt()) {
+            bFound = Exists(iFile, iExtent);
+            if (bFound)
+                e = m_aa[iFile][iExtent];
+        } else if (!m_held.Empty()) {
+            bFound = m_held.Find(iFile, static_cast<uint32_t>(iExtent), &e);
         }
     }
     int iPage = static_cast<int>(pageId.m_iPage);
-    if (!bHeld) {
+    if (!bFound) {
         if (g_iTraceMode)
             TraceLine("EMaps.Fetch(%d %d) = .\n", iFile, iPage);
         return e;
@@ -132,8 +166,21 @@ void ZR_EMaps::Set(int iFile, int iExtent, int iDevice, uint64_t iOfs, uint64_t 
         m_aa[iFile][iExtent] = e;  // a change to the file itself
         return;
     }
-    AA<ZR_EMap>::Set(iFile, iExtent, e);
-    m_bWritableView = m_bWritableView && m_bMapped;
+    if (!IsBuilt())
+        MoveTableToHeld();
+    m_held.Add(iFile, static_cast<uint32_t>(iExtent), e);
+}
+
+// A read table that is to change becomes a build again: its entries join
+// the extents held, and it is written whole when the map is written.
+void ZR_EMaps::MoveTableToHeld() {
+    m_held.SetRowFloor(m_i);
+    for (int iX = 0; iX < m_i; ++iX)
+        for (int iY = 0; iY < m_ai[iX]; ++iY)
+            if (!m_aa[iX][iY].IsNone())
+                m_held.Add(iX, static_cast<uint32_t>(iY), m_aa[iX][iY]);
+    AA<ZR_EMap>::Clean();
+    m_bWritableView = false;
 }
 
 bool ZR_EMaps::Augment(const void* pPage, int iDevice, uint64_t iOfs, uint64_t iRelativeOfs) {
@@ -152,24 +199,15 @@ bool ZR_EMaps::Augment(const void* pPage, int iDevice, uint64_t iOfs, uint64_t i
 
 void ZR_EMaps::AllocFromFileList(ZR_ConfigInfo& config) {
     auto lock = TableLock();
-    if (m_i != 0)
+    if (!IsBuilt() || !m_held.Empty())
         return;
-    int iFiles = config.m_Files;
     int iLargest = 0;
-    for (int i = 0; i < iFiles; ++i) {
+    for (int i = 0; i < static_cast<int>(config.m_Files); ++i) {
         const SQL_FILE_INFO_V7* pFile = config.m_Files(i);
         if (pFile && pFile->m_file_type == SQL_FILE_DATABASE)
             iLargest = std::max(iLargest, static_cast<int>(pFile->m_file_number & 0xFFFF));
     }
-    AA<ZR_EMap>::Set(iLargest);
-    for (int i = 0; i < iFiles; ++i) {
-        const SQL_FILE_INFO_V7* pFile = config.m_Files(i);
-        if (!pFile || pFile->m_file_type != SQL_FILE_DATABASE)
-            continue;
-        uint64_t iExtents = std::min(pFile->m_file_size >> 16, kMaxExtents);
-        if (iExtents > 0)
-            AA<ZR_EMap>::Set(static_cast<int>(pFile->m_file_number & 0xFFFF), static_cast<int>(iExtents - 1));
-    }
+    m_held.SetRowFloor(iLargest + 1);
     m_bIsIncremental = false;
 }
 

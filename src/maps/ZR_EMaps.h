@@ -4,6 +4,15 @@
 // Live I/O and hydration look up every page here, so a lookup is two index
 // steps and nothing else.
 //
+// Two forms. Built, the map holds only the extents entered (ZR_HeldExtents),
+// so that building costs memory by the extents the backup holds and not by
+// the sizes of its data files. Written, each row runs to the last extent
+// held (a Fetch past a row's end gives 0: not in this backup), with long
+// runs of empty entries left as holes of the file. Read back, the table lies
+// in the file's mapped view and is paged in as entries are touched. The
+// table (AA) is the read form: Count and the row count are those of the
+// table read from a file.
+//
 // Ownership: made and shared by g_MapPool. Built by one ZR_Backup, written,
 // cleared and read back, so that a mount serves the map from the file's
 // view. Once the pool marks it created it is only read, except through an
@@ -15,60 +24,13 @@
 #include "foundation/AA.h"
 #include "foundation/ZR_Types.h"
 #include "maps/X_MapFile.h"
+#include "maps/ZR_EMap.h"
+#include "maps/ZR_HeldExtents.h"
 
 #include <cstring>
 #include <string>
 
 struct ZR_ConfigInfo;
-
-#pragma pack(push, 1)
-// One extent's location, the same word in memory and on disk. Packed so that
-// the rows can be used in place in a mapped view, where a row starts at any
-// byte. The offset leaves out the map's base offset; Fetch adds it.
-struct ZR_EMap {
-    static constexpr int kOffsetBits = 52;
-    static constexpr int kRelativeBits = 6;
-    static constexpr int kDeviceBits = 6;
-    static constexpr uint64_t kOffsetMask = (uint64_t{1} << kOffsetBits) - 1;
-    static constexpr uint64_t kFieldMask = (uint64_t{1} << kRelativeBits) - 1;
-    static constexpr int kRelativeShift = kOffsetBits;
-    static constexpr int kDeviceShift = kOffsetBits + kRelativeBits;
-    // Neither value is a location: 0 because no extent lies at the start of
-    // a backup file, all bits set because nothing real can have them.
-    static constexpr uint64_t kNone = 0;
-    static constexpr uint64_t kAllSet = ~uint64_t{0};
-
-    uint64_t m_iEntry = kNone;
-
-    // Values wider than a field are cut to the field.
-    static ZR_EMap Make(int iDevice, uint64_t iOfs, uint32_t iRelative) {
-        ZR_EMap e;
-        e.SetOffset(iOfs);
-        e.SetRelative(iRelative);
-        e.SetDevice(iDevice);
-        return e;
-    }
-
-    uint64_t GetOffset() const { return m_iEntry & kOffsetMask; }
-    void SetOffset(uint64_t i) { m_iEntry = (m_iEntry & ~kOffsetMask) | (i & kOffsetMask); }
-    // In units of 65,536 bytes.
-    uint32_t GetRelative() const { return static_cast<uint32_t>((m_iEntry >> kRelativeShift) & kFieldMask); }
-    void SetRelative(uint32_t i) { SetField(kRelativeShift, i); }
-    int GetDevice() const { return static_cast<int>((m_iEntry >> kDeviceShift) & kFieldMask); }
-    void SetDevice(int i) { SetField(kDeviceShift, static_cast<uint32_t>(i)); }
-
-    bool IsNone() const { return m_iEntry == kNone; }
-    bool IsAllSet() const { return m_iEntry == kAllSet; }
-    // A real location: neither of the two values that mean no copy.
-    bool HasCopy() const { return !IsNone() && !IsAllSet(); }
-
-private:
-    void SetField(int iShift, uint32_t i) {
-        m_iEntry = (m_iEntry & ~(kFieldMask << iShift)) | ((uint64_t{i} & kFieldMask) << iShift);
-    }
-};
-#pragma pack(pop)
-static_assert(sizeof(ZR_EMap) == 8);
 
 // Reads through a map file and refuses the first 32-bit word it reads, a
 // count, when that many entries of at least cbEach bytes each cannot fit in
@@ -105,6 +67,11 @@ private:
 
 class ZR_EMaps : public X_MapFile, public AA<ZR_EMap> {
 public:
+    // The largest data file SQL Server makes, 16 TB, and its extents: no
+    // row of a sound backup's map is longer.
+    static constexpr uint64_t ms_iMaxDataFileBytes = uint64_t{1} << 44;
+    static constexpr uint64_t ms_iMaxExtents = ms_iMaxDataFileBytes / ZR_EXTENT_SIZE;
+
     ZR_EMaps() = default;
 
     int GetMapType() const override { return 2; }
@@ -117,22 +84,26 @@ public:
     uint32_t GetContentSize() override;
     // A map whose incremental flag is set is not loaded unless bUpdate: such
     // a map is to be opened for update, so that its table lies in a writable
-    // view.
+    // view. A table must fill the file to its end: a damaged count that
+    // leaves bytes over is no map.
     bool ReadContent(bool bUpdate) override;
     bool WriteContent() override;
 
     // The entry of the page's extent, with the base offset added to a real
-    // offset; 0 for a file or extent that the table does not hold.
+    // offset; 0 for a file or extent that the map does not hold.
     ZR_EMap Fetch(PageId pageId);
-    // Stores an entry, growing the table (new entries 0). iRelativeOfs is in
-    // bytes and kept in units of 65,536.
+    // Stores an entry (iRelativeOfs in bytes, kept in units of 65,536). In
+    // an update view an entry that exists changes the file; otherwise the
+    // entry joins the built form, which a read table turns into first.
     void Set(int iFile, int iExtent, int iDevice, uint64_t iOfs, uint64_t iRelativeOfs);
     // Enters the extent whose first page is pPage (the page id at offset 32
     // of its header). False for file id 0, which is no database page.
     bool Augment(const void* pPage, int iDevice, uint64_t iOfs, uint64_t iRelativeOfs);
-    // Sizes an empty table to the data files of a configuration: one row per
-    // file id up to the largest, each data file's row to its extents.
+    // Gives an empty map a row for each file id up to the largest data file
+    // of a configuration; the rows hold no entries until extents are entered.
     void AllocFromFileList(ZR_ConfigInfo& config);
+    // Forgets the table and the extents entered.
+    void Clean();
     // Behind trace flag 32, which is never on.
     void Dump(int iBackup);
 
@@ -140,10 +111,14 @@ public:
 
 private:
     zr_array::ScopedLock TableLock() { return zr_array::ScopedLock(&this->AA<ZR_EMap>::m_cs, m_bcsInitialized); }
+    bool IsBuilt() const { return m_i == 0; }
+    void MoveTableToHeld();
+    bool WriteHeld();
 
     // The table was read in place from an update view: changes go to the
     // file instead of a private copy.
     bool m_bWritableView = false;
+    ZR_HeldExtents m_held;  // the built form
 };
 
 // "Data", "Full", "Diff" or "Log[n]": how the dumps name a backup slot.

@@ -60,7 +60,7 @@ X_MapFile* ZR_MapPool::RetrieveWhere(int iType, Match match) {
         PoolLock lock(*this);
         for (int i = 0; i < static_cast<int>(*this) && !pFound; ++i) {
             X_MapFile* p = (*this)(i);
-            if (p && p->GetMapType() == iType && match(*p))
+            if (p && p->GetMapType() == iType && !p->GetIsRetired() && match(*p))
                 pFound = p;
         }
         if (pFound)
@@ -182,6 +182,14 @@ void ZR_MapPool::SetCreateFailure(X_MapFile* pMap) {
     }
     if (g_iTraceMode)
         TraceLine("ZR_MapPool::SetCreateFailure(%p) }\n", static_cast<void*>(pMap));
+}
+
+bool ZR_MapPool::Retire(X_MapFile* pMap) {
+    PoolLock lock(*this);
+    if (IndexOf(pMap) < 0 || pMap->GetIsRetired())
+        return false;
+    pMap->SetIsRetired();
+    return true;
 }
 
 int ZR_MapPool::Find(const wchar_t* wszName) {

@@ -35,6 +35,10 @@ public:
     void Release(X_MapFile* pMap);
     void SetCreateSuccess(X_MapFile* pMap);
     void SetCreateFailure(X_MapFile* pMap);
+    // Takes a map that was found damaged out of every later lookup by key;
+    // it stays listed until its last Release, since holders may still read
+    // it. True for the call that retired it.
+    bool Retire(X_MapFile* pMap);
     // Index of the map whose file has this name (any case), or -1.
     int Find(const wchar_t* wszName);
 

@@ -11,65 +11,41 @@
 #include "backup/ZR_Backup.h"
 
 #include "diag/ZR_Error.h"
+#include "foundation/BadAlloc.h"
 #include "maps/ZR_CMaps.h"
 #include "maps/ZR_EMaps.h"
+#include "maps/ZR_MapPool.h"
+#include "platform/FileCallsTesting.h"
+#include "support/BackupFixture.h"
 #include "support/ErrorText.h"
 #include "support/Manifest.h"
 #include "support/MtfWalker.h"
 #include "support/PageFormat.h"
+#include "support/Resources.h"
 #include "support/SyntheticBackup.h"
 #include "support/TestData.h"
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstring>
 #include <cwchar>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <memory>
 #include <set>
+#include <thread>
 #include <vector>
 
 namespace fs = std::filesystem;
 
 namespace {
 
-std::string Errors() { return zrtest::ErrorTextNarrow(L"acc"); }
-
-class BackupAccess : public ::testing::Test {
+class BackupAccess : public zrtest::BackupFixture {
 protected:
-    void SetUp() override {
-        fs::create_directories(Maps());
-        std::wcsncpy(g_wszMapFilesFolder, Maps().wstring().c_str(), MAX_PATH - 1);
-        ZR_ClearErrors(L"acc");
-        m_pAhead = ZR_ReadAhead::Alloc();
-    }
-    void TearDown() override {
-        ZR_ReadAhead::Free(m_pAhead);
-        g_wszMapFilesFolder[0] = 0;
-        ZR_ClearErrors(L"acc");
-    }
-    fs::path Maps() const { return m_tmp / "maps"; }
-
-    int MapFiles(const char* ext) {
-        int n = 0;
-        for (auto& e : fs::directory_iterator(Maps()))
-            n += e.path().extension() == ext;
-        return n;
-    }
-
-    // A backup of the given files, prepared and opened, with its extent map.
-    std::unique_ptr<ZR_Backup> Access(const std::vector<fs::path>& files, int iIndex = 0) {
-        auto b = std::make_unique<ZR_Backup>(L"acc");
-        b->SetDataSetNumber(1);
-        for (auto& f : files)
-            b->AddFile(f.wstring().c_str(), nullptr, false);
-        int32_t v = 0;
-        EXPECT_TRUE(b->PrepareContent(&v)) << Errors();
-        EXPECT_TRUE(b->Open());
-        EXPECT_TRUE(b->PrepareAccess(iIndex)) << Errors();
-        return b;
-    }
+    BackupAccess() : BackupFixture(L"acc") {}
 
     // The eight pages of the extent from the backup's own map.
     std::vector<uint8_t> ReadExtent(ZR_Backup& b, ZR_EMap e, PageId first) {
@@ -121,8 +97,6 @@ protected:
             }
     }
 
-    zrtest::TempDir m_tmp;
-    ZR_ReadAhead* m_pAhead = nullptr;
 };
 
 TEST_F(BackupAccess, EveryFullBackupOfVersionsNineAndTenMapsTheExtentsOfTheNaiveRestore) {
@@ -174,8 +148,8 @@ TEST_F(BackupAccess, ADifferentialMapsOnlyItsOwnExtentsAndALogHasNoMap) {
 
     auto log = Access({*zrtest::TestDataFile("appveyor-lab/RestoreTimeClean/RestoreTimeClean_1.trn")}, 2);
     EXPECT_EQ(log->m_pEMaps, nullptr);
-    EXPECT_EQ(MapFiles(".xdm"), 1) << "only the differential's";
-    EXPECT_EQ(MapFiles(".xbm"), 0) << "backup maps are never written";
+    EXPECT_EQ(MapFiles(".xdm").size(), 1u) << "only the differential's";
+    EXPECT_EQ(MapFiles(".xbm").size(), 0u) << "backup maps are never written";
 }
 
 TEST_F(BackupAccess, AMapIsBuiltOnceThenSharedOrReadAndRebuiltWhenDamaged) {
@@ -196,11 +170,8 @@ TEST_F(BackupAccess, AMapIsBuiltOnceThenSharedOrReadAndRebuiltWhenDamaged) {
         EXPECT_EQ(later->m_pEMaps->GetMapLocale(), X_MAPLOCALE_CACHED);
         ExpectMapMatches(*later, ref);
     }
-    fs::path xdm;
-    for (auto& e : fs::directory_iterator(Maps()))
-        if (e.path().extension() == ".xdm")
-            xdm = e.path();
-    ASSERT_FALSE(xdm.empty());
+    ASSERT_EQ(MapFiles(".xdm").size(), 1u);
+    const fs::path xdm = MapFiles(".xdm")[0];
     // A row count that the file cannot hold, then a file cut short.
     for (int damage = 0; damage < 2; ++damage) {
         SCOPED_TRACE(damage);
@@ -254,26 +225,170 @@ TEST_F(BackupAccess, AReadErrorInTheWalkFailsTheBuildAndLeavesNoMapFile) {
     fs::path p = m_tmp / "cut.bak";
     ASSERT_TRUE(writer.Write(p)) << writer.Error();
     {
-        auto b = std::make_unique<ZR_Backup>(L"acc");
-        b->SetDataSetNumber(1);
-        b->AddFile(p.wstring().c_str(), nullptr, false);
         int32_t v = 0;
-        ASSERT_TRUE(b->PrepareContent(&v)) << Errors();  // the content map is now a file
+        ASSERT_TRUE(Named({p})->PrepareContent(&v)) << Errors();  // the content map is now a file
     }
-    // Cut the file in the middle of its data: the content map still reads,
-    // the walk of the extents cannot.
-    const auto& extents = writer.Stripes()[0].extents;
-    fs::resize_file(p, extents[extents.size() / 2].offset + 100);
-    auto b = std::make_unique<ZR_Backup>(L"acc");
-    b->SetDataSetNumber(1);
-    b->AddFile(p.wstring().c_str(), nullptr, false);
+    auto b = Named({p});
     int32_t v = 0;
     ASSERT_TRUE(b->PrepareContent(&v)) << Errors();
+    // Cut the file in the middle of its data once its content is known: the
+    // walk of the extents cannot read it.
+    const auto& extents = writer.Stripes()[0].extents;
+    fs::resize_file(p, extents[extents.size() / 2].offset + 100);
     ASSERT_TRUE(b->Open());
     EXPECT_FALSE(b->PrepareAccess(0));
     EXPECT_NE(Errors().find("MTF Error: MQDA."), std::string::npos) << Errors();
     EXPECT_EQ(b->m_pEMaps, nullptr);
-    EXPECT_EQ(MapFiles(".xdm"), 0);
+    EXPECT_EQ(MapFiles(".xdm").size(), 0u);
+}
+
+// A recorded data file size is what the backup says, not what it holds: up
+// to the 16 TB a data file can have it costs no memory and no map by
+// itself; beyond, the backup is refused, naming the file and the file id.
+TEST_F(BackupAccess, ARecordedDataFileSizeCostsNothingUpTo16TBAndIsRefusedBeyond) {
+    const uint64_t k16TB = uint64_t{1} << 44;
+    const struct {
+        uint64_t iSize;
+        bool bServed;
+    } cases[] = {{uint64_t{1} << 43, true}, {k16TB, true}, {k16TB + ZR_EXTENT_SIZE, false}};
+    uint32_t iFamily = 0x5EED0100;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.iSize);
+        zrtest::SyntheticOptions o;
+        o.filePages = {64};
+        o.recordedFileSizes = {c.iSize};
+        o.mediaFamilyId = ++iFamily;  // a map of its own
+        zrtest::SyntheticBackup writer(o);
+        fs::path p = m_tmp / ("big" + std::to_string(iFamily) + ".bak");
+        ASSERT_TRUE(writer.Write(p)) << writer.Error();
+        auto b = Named({p});
+        int32_t v = 0;
+        ASSERT_TRUE(b->PrepareContent(&v)) << Errors();
+        ASSERT_TRUE(b->Open());
+        ASSERT_TRUE(zrtest::ResetPeakResident());
+        const uint64_t iBefore = zrtest::PeakResidentBytes();
+        EXPECT_EQ(b->PrepareAccess(0), c.bServed) << Errors();
+        EXPECT_LT(zrtest::PeakResidentBytes() - iBefore, uint64_t{64} << 20) << "peak resident memory of the build";
+        if (c.bServed) {
+            EXPECT_TRUE(b->LookupPage(PageId{8, 1}).HasCopy());
+            EXPECT_FALSE(b->LookupPage(PageId{64, 1}).HasCopy()) << "behind what the backup holds";
+            continue;
+        }
+        const std::string errors = Errors();
+        EXPECT_NE(errors.find("16 TB"), std::string::npos) << errors;
+        EXPECT_NE(errors.find(p.filename().string()), std::string::npos) << errors;
+        EXPECT_NE(errors.find("data file 1"), std::string::npos) << errors;
+        ZR_ClearErrors(L"acc");
+    }
+    ASSERT_EQ(MapFiles(".xdm").size(), 2u);
+    for (const fs::path& xdm : MapFiles(".xdm"))
+        EXPECT_LT(fs::file_size(xdm), 4096u) << "a row runs to the last extent held";
+}
+
+// Whatever a map's creator throws, the map ends failed: a mount that waits
+// for it wakes and fails cleanly, and a later mount builds it anew. The
+// creator's reads throw (exhausted memory) once the second mount has taken
+// the map under construction and waits for it; the header reads of an
+// extent map run on several threads, whose exceptions reach the builder.
+namespace creators {
+
+std::atomic<std::thread::id> g_waiter;       // whose reads pass
+std::atomic<int> g_iType{0};                 // the map type whose build throws; 0: none
+decltype(FileCalls::ReadFile) g_pfnRead = nullptr;
+
+// References to the map of type iType under construction; 0 when none is.
+int BuildingMapRefs(int iType) {
+    int iRefs = 0;
+    g_MapPool.Lock();
+    for (int i = 0; i < static_cast<int>(g_MapPool); ++i) {
+        X_MapFile* p = g_MapPool(i);
+        if (p->GetMapType() == iType && !p->GetIsCreated() && !p->GetIsRetired())
+            iRefs = p->GetRefCount();
+    }
+    g_MapPool.Unlock();
+    return iRefs;
+}
+
+bool WaitForRefs(int iType, int iRefs) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (BuildingMapRefs(iType) < iRefs) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+BOOL ThrowOnceWaited(HANDLE h, LPVOID p, DWORD n, LPDWORD pn, LPOVERLAPPED o) {
+    const int iType = g_iType;
+    if (iType != 0 && std::this_thread::get_id() != g_waiter && BuildingMapRefs(iType) > 0 && WaitForRefs(iType, 2))
+        throw BadAlloc(n);
+    return g_pfnRead(h, p, n, pn, o);
+}
+
+}  // namespace creators
+
+TEST_F(BackupAccess, AThrowingMapCreatorWakesTheMountThatWaitsForIt) {
+    using namespace creators;
+    zrtest::SyntheticOptions o;
+    o.filePages = {1024};  // enough extents for the header reads to take threads
+    zrtest::SyntheticBackup writer(o);
+    fs::path p = m_tmp / "throw.bak";
+    ASSERT_TRUE(writer.Write(p)) << writer.Error();
+    for (int iType : {1, 2}) {
+        SCOPED_TRACE(iType == 1 ? "content map" : "extent map");
+        const bool bContent = iType == 1;
+        fs::remove_all(Maps());  // no map file to read instead of building
+        fs::create_directories(Maps());
+        auto prepare = [&](ZR_Backup& b) {
+            int32_t v = 0;
+            return bContent ? b.PrepareContent(&v) : b.PrepareAccess(0);
+        };
+        auto creator = Named({p});
+        auto waiter = Named({p});
+        if (!bContent) {
+            int32_t v = 0;
+            ASSERT_TRUE(creator->PrepareContent(&v) && waiter->PrepareContent(&v)) << Errors();
+            ASSERT_TRUE(creator->Open() && waiter->Open());
+        }
+        zr::platform::testing::ScopedFileCalls restore;
+        g_pfnRead = zr::platform::testing::ReplaceFileCall(&FileCalls::ReadFile, &ThrowOnceWaited);
+        g_iType = iType;
+        std::atomic<bool> bThrew{false};
+        std::thread build([&] {
+            try {
+                prepare(*creator);
+            } catch (const BadAlloc&) {
+                bThrew = true;
+            }
+        });
+        EXPECT_TRUE(WaitForRefs(iType, 1)) << "the creator took the map";
+        std::promise<bool> waited;
+        std::future<bool> result = waited.get_future();
+        std::thread wait([&] {
+            g_waiter = std::this_thread::get_id();
+            waited.set_value(prepare(*waiter));
+        });
+        const bool bWoke = result.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
+        EXPECT_TRUE(bWoke) << "the waiting mount hangs";
+        build.join();
+        if (!bWoke) {  // free the waiter, so that the test ends
+            g_MapPool.Lock();
+            for (int i = 0; i < static_cast<int>(g_MapPool); ++i)
+                if (g_MapPool(i)->GetMapType() == iType)
+                    g_MapPool(i)->SetCreatedEvent();
+            g_MapPool.Unlock();
+        }
+        wait.join();
+        g_iType = 0;
+        EXPECT_TRUE(bThrew) << "the exception goes on";
+        EXPECT_FALSE(result.get()) << "the waiter fails";
+        EXPECT_EQ(BuildingMapRefs(iType), 0) << "the failed map left the pool";
+        auto later = Named({p});
+        int32_t v = 0;
+        EXPECT_TRUE(later->PrepareContent(&v) && later->Open() && later->PrepareAccess(0)) << Errors();
+        ZR_ClearErrors(L"acc");
+    }
 }
 
 }  // namespace

@@ -230,6 +230,28 @@ TEST_F(VirtualizeScan, LogBackupIsShownAsItIs) {
     EXPECT_EQ(bytes, real);
 }
 
+// A full backup without an MSTL has no log part to cut, even with a
+// differential over it: its view is the data cut alone, as long as what it
+// holds, and walks clean to its last filemark.
+TEST_F(VirtualizeScan, WithoutAnMstlNothingIsCutForTheLog) {
+    SyntheticOptions o;
+    o.mstl = false;
+    SyntheticBackup synth(o);
+    auto files = Write(synth, "nolog.bak");
+    auto b = Prepare(files, true);
+    ASSERT_TRUE(b);
+    const ZR_VirtualBackupFile& v = *b->m_aVirtualFiles(0);
+    EXPECT_EQ(v.m_iFirstMSTL, 0);
+    EXPECT_GT(v.m_iMSLS, 0);
+    EXPECT_EQ(v.LogCut(), 0);
+    EXPECT_EQ(b->GetVirtualSize(0), static_cast<int64_t>(synth.Stripes()[0].size) - v.m_iHoleLength);
+    std::vector<uint8_t> bytes;
+    MtfWalk walk = WalkView(*b, 0, &bytes);
+    ASSERT_TRUE(walk.ok);
+    EXPECT_TRUE(walk.dataSets[0].closed);
+    EXPECT_EQ(walk.filemarks.size(), synth.Stripes()[0].filemarks.size());
+}
+
 // A second object of the same backup takes the shared map without a scan
 // of the data, and still gets views of its own.
 TEST_F(VirtualizeScan, SecondMountGetsViewsOfItsOwn) {

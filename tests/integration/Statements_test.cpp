@@ -198,6 +198,21 @@ size_t Count(const std::string& text, const std::string& part) {
     return n;
 }
 
+// A log older than the differential: no statement comes out, since SQL
+// Server would refuse the chain only when it ran them.
+TEST(ZirlaneStatements, ABrokenChainPrintsNoStatement) {
+    ZR_REQUIRE_TESTDATA();
+    zrtest::TempDir tmp;
+    const std::string dir = std::string(kClean);
+    zrtest::CliRun run = Zirlane({"statements", "--database", "Copy", "--map-folder", (tmp / "maps").string(), "--full",
+                                  Path(dir + "RestoreTimeClean.bak"), "--diff", Path(dir + "RestoreTimeClean2.bak"),
+                                  "--log", Path(dir + "RestoreTimeClean_3.trn")},
+                                 tmp);
+    EXPECT_EQ(run.iExit, 1);
+    EXPECT_EQ(run.sOut.find("RESTORE"), std::string::npos) << run.sOut;
+    EXPECT_NE((run.sOut + run.sErr).find("does not go on from"), std::string::npos) << run.sOut << run.sErr;
+}
+
 TEST(ZirlaneStatements, TheCleanChainComesOutInOrderThenTheAttach) {
     ZR_REQUIRE_TESTDATA();
     zrtest::TempDir tmp;

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "support/CliRun.h"
+#include "support/MtfWalker.h"
 #include "support/TestData.h"
 
 namespace fs = std::filesystem;
@@ -217,9 +218,9 @@ TEST_F(ZirlaneCliTest, ViewGoesToStandardOutputWithDash) {
     EXPECT_FALSE(fs::exists(m_tmp / "v.bxk.partial"));
 }
 
-// extract makes its folder with its parents. A backup cut short fails in
-// the middle of a data file: neither the file, nor its temporary, nor the
-// folders made for it stay behind.
+// extract makes its folder with its parents. A backup whose data is damaged
+// fails in the middle of a data file: neither the file, nor its temporary,
+// nor the folders made for it stay behind.
 TEST_F(ZirlaneCliTest, ExtractLeavesNothingBehindAFailure) {
     ZR_REQUIRE_TESTDATA();
     const fs::path full = Data(std::string(kClean) + "RestoreTimeClean.bak");
@@ -229,14 +230,20 @@ TEST_F(ZirlaneCliTest, ExtractLeavesNothingBehindAFailure) {
     ASSERT_EQ(whole.iExit, 0) << whole.sErr;
     EXPECT_TRUE(fs::exists(m_tmp / "a/b/c/RestoreTimeClean.mdf"));
 
-    // The same backup cut in its data: its maps, read by identity, send
-    // reads past the new end.
+    // The same backup with the id of a page inside its tenth extent changed:
+    // the extent is mapped by its sound first page, and the read of it fails
+    // once the rebuilt map gives the same place again.
+    const zrtest::MtfWalk walk = zrtest::MtfWalker::WalkFile(full);
+    ASSERT_TRUE(walk.ok && walk.DataSet(1) && !walk.DataSet(1)->data.empty()) << walk.fault;
+    const uint64_t iPage = walk.DataSet(1)->data[0].offset + 9 * 65536 + 3 * 8192;
     std::string bytes = Slurp(full);
-    std::ofstream(m_tmp / "cut.bak", std::ios::binary).write(bytes.data(), 700000);
-    zrtest::CliRun cut = Zirlane({"extract", "--map-folder", maps, "-o", (m_tmp / "x/y").string(), "--full",
-                                  (m_tmp / "cut.bak").string()});
-    EXPECT_EQ(cut.iExit, 1);
-    EXPECT_NE(cut.sErr.find("RestoreTimeClean.mdf was not written whole and was removed."), std::string::npos)
-        << cut.sErr;
+    ASSERT_LT(iPage + 40, bytes.size());
+    bytes[iPage + 32] ^= 0x55;  // page number, low byte
+    std::ofstream(m_tmp / "damaged.bak", std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    zrtest::CliRun bad = Zirlane({"extract", "--map-folder", maps, "-o", (m_tmp / "x/y").string(), "--full",
+                                  (m_tmp / "damaged.bak").string()});
+    EXPECT_EQ(bad.iExit, 1);
+    EXPECT_NE(bad.sErr.find("RestoreTimeClean.mdf was not written whole and was removed."), std::string::npos)
+        << bad.sErr;
     EXPECT_FALSE(fs::exists(m_tmp / "x")) << "no data file, no temporary, no empty folder";
 }

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <tuple>
 #include <vector>
 
 namespace fs = std::filesystem;
@@ -174,6 +175,23 @@ TEST_F(ContentMapFile, AnotherIdentityOrDataSetFindsNoMap) {
     EXPECT_FALSE(ReadBack(otherFamily, 1, 0x1234ABCE));
     EXPECT_FALSE(ReadBack(otherSet, 2));
     EXPECT_EQ(otherSet.GetNumFiles(), 0);
+}
+
+// Backend 3 is a native backup to every map: a file that says 3 is read by a
+// native object and a native file by an object that says 3; a compressed
+// backup's word is another backup.
+TEST_F(ContentMapFile, BackendThreeReadsAsANativeBackup) {
+    const fs::path name = WriteMap();
+    for (auto [iInFile, iObject, bRead] : {std::tuple{3, 1, true}, {1, 3, true}, {2, 1, false}}) {
+        std::fstream(name, std::ios::binary | std::ios::in | std::ios::out)
+            .seekp(8)  // behind the magic and the version
+            .write(reinterpret_cast<const char*>(&iInFile), 4);
+        ZR_CMaps map;
+        SetIdentity(map);
+        map.SetBackend(static_cast<ZR_Backend_e>(iObject));
+        map.SetBackupName(m_backup.c_str());
+        EXPECT_EQ(map.Read(), bRead) << iInFile << " read as " << iObject;
+    }
 }
 
 TEST_F(ContentMapFile, DataSetZeroIsWrittenAsOne) {

@@ -309,12 +309,14 @@ std::vector<std::uint8_t> StripeEmitter::ConfigRecords(int set) {
         f.Lsn(158, m_o.differentialBaseLsn);
         append(f);
     };
-    for (const auto& file : files) {
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        const auto& file = files[i];
         std::uint32_t held = 0;
         for (std::uint32_t e = 0; e * kPagesPerExtent < file.pages; ++e)
             if (m_backup.HoldsExtent(file.fileId, e)) held += kPagesPerExtent;
-        fileRecord(file.fileId, 1, std::uint64_t(file.pages) * kPageSize, held,
-                   m_o.databaseName + "_" + std::to_string(file.fileId));
+        const std::uint64_t size = i < m_o.recordedFileSizes.size() ? m_o.recordedFileSizes[i]
+                                                                    : std::uint64_t(file.pages) * kPageSize;
+        fileRecord(file.fileId, 1, size, held, m_o.databaseName + "_" + std::to_string(file.fileId));
     }
     fileRecord(kLogFileId, 2, std::uint64_t(8) * kExtentSize, 0, m_o.databaseName + "_log");
     return out;
@@ -443,8 +445,10 @@ void StripeEmitter::DataSet(int set, const std::vector<ExtentRef>& share) {
     Config("MSCI", set);
     if (m_o.kind != SyntheticKind::Log) Data(set, share);
     if (m_o.ph6sFiles) Ph6sRun(set);
-    LogPart(set, m_o.logExtents);
-    if (m_o.kind != SyntheticKind::Log) LogPart(set, 0);  // SQL Server closes the log part with an empty one
+    if (m_o.mstl) {
+        LogPart(set, m_o.logExtents);
+        if (m_o.kind != SyntheticKind::Log) LogPart(set, 0);  // SQL Server closes the log part with an empty one
+    }
     Config("MSLS", set);
     EndSet(set);
 }

@@ -45,7 +45,11 @@ struct SyntheticOptions {
     std::string databaseName = "Synthetic";
     std::string serverName = "SYNTH\\SQL";
     std::vector<std::uint32_t> filePages = {64};  // pages of each data file
+    // The size the configuration records for each data file, where given,
+    // in place of its pages: a file far larger than what the backup holds.
+    std::vector<std::uint64_t> recordedFileSizes{};
     std::uint32_t logExtents = 1;            // 64 KiB runs of log in the MQTL data
+    bool mstl = true;                        // false leaves out the MSTL blocks, log and all
     int stripes = 1;
     int dataSets = 1;
     std::uint32_t seed = 1;                  // pages of data set d use seed + d - 1

@@ -39,28 +39,3 @@ std::string ZirlaneDate(const MTF_DATE_TIME& date) {
     return sz;
 }
 
-bool ZirlaneDiffBelongsToFull(const SQL_ConfigRecords& full, const SQL_ConfigRecords& diff) {
-    if (diff.m_differentialBaseLsn == full.m_checkpointLsn) return true;
-    return ZirlaneFail(__FILE__, __LINE__,
-                       "The differential backup (base LSN %s) was not taken over this full backup (checkpoint LSN "
-                       "%s).\n",
-                       ZirlaneLsn(diff.m_differentialBaseLsn).c_str(), ZirlaneLsn(full.m_checkpointLsn).c_str());
-}
-
-// A log restores over a database whose last LSN lies within the log's
-// LSNs; each next log starts where the one before ended.
-bool ZirlaneLogsFollow(const SQL_ConfigRecords& data, const std::vector<SQL_ConfigRecords>& aLogs) {
-    LSN end = data.m_lastLsn;
-    for (size_t i = 0; i < aLogs.size(); ++i) {
-        const SQL_ConfigRecords& log = aLogs[i];
-        const bool bFollows = i == 0 ? !(end < log.m_firstLsn) && !(log.m_lastLsn < end) : log.m_firstLsn == end;
-        if (!bFollows)
-            return ZirlaneFail(__FILE__, __LINE__,
-                               "Log backup %d (LSNs %s to %s) does not follow the backup before it, which ends at "
-                               "LSN %s: the backups do not form a chain.\n",
-                               static_cast<int>(i + 1), ZirlaneLsn(log.m_firstLsn).c_str(),
-                               ZirlaneLsn(log.m_lastLsn).c_str(), ZirlaneLsn(end).c_str());
-        end = log.m_lastLsn;
-    }
-    return true;
-}

@@ -90,12 +90,6 @@ std::unique_ptr<ZR_Backup> ZirlaneNewBackup(const std::vector<std::string>& aFil
 // which only the closing configuration may hold. False with the reason in
 // the error chain.
 bool ZirlaneDescribe(ZR_Backup& backup, SQL_ConfigRecords* pConfig);
-// Whether backups form a chain, from their configurations: the
-// differential was taken over the full backup; the logs follow the last
-// data backup (full or differential) and each other. False with why in the
-// error chain.
-bool ZirlaneDiffBelongsToFull(const SQL_ConfigRecords& full, const SQL_ConfigRecords& diff);
-bool ZirlaneLogsFollow(const SQL_ConfigRecords& data, const std::vector<SQL_ConfigRecords>& aLogs);
 // An LSN and a date in the forms that the tool prints.
 std::string ZirlaneLsn(const LSN& lsn);
 std::string ZirlaneDate(const MTF_DATE_TIME& date);  // "" when it holds none

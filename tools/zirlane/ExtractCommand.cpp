@@ -20,6 +20,7 @@
 #include "backup/ZR_Backup.h"
 #include "backup/ZR_ScanFull.h"
 #include "diag/ZR_Error.h"
+#include "engine/ZR_ChainCheck.h"
 #include "maps/ZR_CMaps.h"
 #include "maps/ZR_EMaps.h"
 
@@ -69,13 +70,6 @@ std::unique_ptr<ZR_Backup> PrepareBackup(const std::vector<std::string>& aFiles,
               ZR_Backup::ms_iExtentMapBuilds != iBuilds);
     ZirlaneStepSucceeded();
     return b;
-}
-
-// A differential serves only the full backup it was taken over.
-bool DiffBelongsToFull(ZR_Backup& full, ZR_Backup& diff) {
-    SQL_ConfigRecords fullConfig, diffConfig;
-    return ZirlaneDescribe(full, &fullConfig) && ZirlaneDescribe(diff, &diffConfig) &&
-           ZirlaneDiffBelongsToFull(fullConfig, diffConfig);
 }
 
 // The data files of a configuration; the sizes of a later one (the
@@ -247,7 +241,8 @@ bool RunExtract(const ExtractOptions& options) {
     std::unique_ptr<ZR_Backup> diff;
     if (!options.aDiff.empty()) {
         diff = PrepareBackup(options.aDiff, options.iDiffDataSet, 1, &iVersion);
-        if (!diff || !DiffBelongsToFull(*full, *diff)) return false;
+        ZR_Backup* aChain[] = {full.get(), diff.get()};
+        if (!diff || !ZR_CheckChain(aChain, 2, kKey)) return false;
     }
     return ExtractFiles(options, *full, diff.get());
 }

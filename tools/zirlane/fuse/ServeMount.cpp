@@ -63,8 +63,10 @@ int ZirlaneServeMount(const ZirlaneMountOptions& given) {
     ZR_ServerProcess::HoldSignals();  // before the library starts its threads
     ZirlaneMount mount(options, stopClause);
     if (!mount.Prepare() || Interrupted() || (options.bRestore && !mount.Restore()) || Interrupted() ||
-        !mount.Expose())
-        return ZirlaneFinish(false);
+        !mount.Expose()) {
+        ZirlanePrintErrors(mount.Key().empty() ? nullptr : mount.Key().c_str());
+        return ZIRLANE_EXIT_FAILED;
+    }
     mount.Report();
     if (!options.bBackground)
         std::printf("\nServing until Ctrl-C, or zirlane umount %s.\n", options.mountPoint.c_str());

@@ -165,25 +165,18 @@ bool ZirlaneMount::Prepare() {
     return bOk;
 }
 
-// The configurations tell the files to move and whether the backups form
-// a chain, before the library mounts them.
+// The configurations of the full backup and the differential tell the
+// files to move, before the library mounts the chain (which checks that
+// the backups form one).
 bool ZirlaneMount::ReadConfigurations() {
-    const ZirlaneChain& chain = m_Options.chain;
-    std::vector<const std::vector<std::string>*> aBackups = {&chain.aFull};
-    for (const auto& aDiff : chain.aDiffs) aBackups.push_back(&aDiff);
-    for (const auto& aLog : chain.aLogs) aBackups.push_back(&aLog);
-    std::vector<SQL_ConfigRecords> aConfigs(aBackups.size());
+    std::vector<const std::vector<std::string>*> aBackups = {&m_Options.chain.aFull};
+    for (const auto& aDiff : m_Options.chain.aDiffs) aBackups.push_back(&aDiff);
+    m_aConfigs.resize(aBackups.size());
     int32_t iVersion = 0;
     for (size_t i = 0; i < aBackups.size(); ++i) {
         std::unique_ptr<ZR_Backup> pBackup = ZirlaneNewBackup(*aBackups[i], 1);
-        if (!pBackup->PrepareContent(&iVersion) || !ZirlaneDescribe(*pBackup, &aConfigs[i])) return false;
+        if (!pBackup->PrepareContent(&iVersion) || !ZirlaneDescribe(*pBackup, &m_aConfigs[i])) return false;
     }
-    const size_t iData = 1 + chain.aDiffs.size();
-    if (iData == 2 && !ZirlaneDiffBelongsToFull(aConfigs[0], aConfigs[1])) return false;
-    if (!ZirlaneLogsFollow(aConfigs[iData - 1], {aConfigs.begin() + static_cast<long>(iData), aConfigs.end()}))
-        return false;
-    aConfigs.resize(iData);
-    m_aConfigs = std::move(aConfigs);
     ZirlaneStepSucceeded();
     return true;
 }
@@ -243,7 +236,6 @@ bool ZirlaneMount::MountChain() {
                             (L"move " + Quoted(record.m_wsLogicalName) + L" to " + Quoted(file.wsMovedTo)).c_str());
     wchar_t wszKey[256] = {};
     m_bMounted = WrapMount(m_pInfo, wszKey, 256);
-    if (!m_bMounted) ZirlanePrintErrors(wszKey);  // the mount's own reports carry its key
     return m_bMounted;
 }
 

@@ -38,6 +38,9 @@ public:
     // Prints what stands under the mount point and the statements.
     void Report();
     void Serve();
+    // The mount key, under which the library records the mount's failures;
+    // empty before Prepare has made it.
+    const std::wstring& Key() const { return m_wsKey; }
 
 private:
     // A data or log file of the database.
