@@ -22,6 +22,10 @@
 #include "support/MountedChain.h"
 #include "support/MtfWalker.h"
 #include "support/TestData.h"
+#if __has_include("support/SqlServerEmulator.h")
+#include "support/PosixFileIo.h"
+#include "support/SqlServerEmulator.h"
+#endif
 
 namespace fs = std::filesystem;
 using namespace zrtest;
@@ -50,12 +54,9 @@ bool IsMounted(const fs::path& point) {
 
 // Runs a bash script, for at most a minute; its exit code.
 int Shell(const std::string& script) {
-    static int iScript = 0;
-    const fs::path file = fs::temp_directory_path() / ("zrtest-mount-" + std::to_string(std::rand()) + "-" +
-                                                       std::to_string(iScript++) + ".sh");
-    std::ofstream(file) << script << "\n";
-    const int iStatus = std::system(("timeout 60 bash " + file.string()).c_str());
-    fs::remove(file);
+    TempDir folder;
+    std::ofstream(folder / "script.sh") << script << "\n";
+    const int iStatus = std::system(("timeout 60 bash " + (folder / "script.sh").string()).c_str());
     return WIFEXITED(iStatus) ? WEXITSTATUS(iStatus) : -1;
 }
 
@@ -139,14 +140,25 @@ public:
         if (m_key.empty()) return 0;
         return Shell("timeout 10 flock " + (m_scratch / "cache/zirlane/sparse").string() + "/" + m_key + ".lock true");
     }
-    // The names of the views, statement by statement, as printed.
-    std::vector<std::vector<std::string>> StatementViews() const {
-        std::vector<std::vector<std::string>> views;
+    // The RESTORE statements as printed, each as its lines.
+    std::vector<std::vector<std::string>> Statements() const {
+        std::vector<std::vector<std::string>> statements;
         std::istringstream lines(m_run.sOut);
         for (std::string line; std::getline(lines, line);) {
-            if (line.rfind("RESTORE DATABASE", 0) == 0) views.emplace_back();
-            if (!views.empty() && line.size() > 6 && line.rfind(".bxk'") == line.size() - 5)
-                views.back().push_back(line.substr(line.rfind('\\') + 1, line.size() - line.rfind('\\') - 2));
+            if (line.rfind("CREATE DATABASE", 0) == 0) break;
+            if (line.rfind("RESTORE DATABASE", 0) == 0) statements.emplace_back();
+            if (!statements.empty()) statements.back().push_back(line);
+        }
+        return statements;
+    }
+    // The names of the views, statement by statement.
+    std::vector<std::vector<std::string>> StatementViews() const {
+        std::vector<std::vector<std::string>> views;
+        for (const auto& statement : Statements()) {
+            views.emplace_back();
+            for (const std::string& line : statement)
+                if (line.size() > 6 && line.rfind(".bxk'") == line.size() - 5)
+                    views.back().push_back(line.substr(line.rfind('\\') + 1, line.size() - line.rfind('\\') - 2));
         }
         return views;
     }
@@ -274,6 +286,41 @@ const Chain kChains[] = {
 
 INSTANTIATE_TEST_SUITE_P(RealBackups, MountedChains, testing::ValuesIn(kChains),
                          [](const testing::TestParamInfo<Chain>& param) { return param.param.name; });
+
+// Without --restore, the SQL Server emulator runs the printed statements
+// and reads the database with plain file calls (open, pread, pwrite,
+// ftruncate) under the mount point, as SQL Server on Linux would: every
+// page it reads is the reference's.
+TEST_P(MountedChains, TheSqlServerEmulatorRestoresAndReadsThroughTheMount) {
+#if __has_include("support/SqlServerEmulator.h")
+    ZR_REQUIRE_MOUNTS();
+    const Chain& chain = GetParam();
+    TempDir scratch;
+    BackgroundMount mount(scratch, chain.Args());
+    ASSERT_TRUE(mount.Ready()) << mount.Run().sOut << mount.Run().sErr;
+    PosixFileIo files("/");
+    SqlServerEmulator server(files);
+    for (const auto& statement : mount.Statements()) {
+        std::string text;
+        for (const std::string& line : statement) text += line + "\n";
+        ASSERT_TRUE(server.Restore(std::wstring(text.begin(), text.end()))) << server.Error() << "\n" << text;
+    }
+    ASSERT_TRUE(server.OpenDataFiles()) << server.Error();
+    MountedChain reference(chain.Paths(chain.full), chain.Paths(chain.diff), MountedChain::LiveIO::kQueueOnly);
+    ASSERT_TRUE(reference.Ready()) << reference.Error();
+    for (const MtfSqlFile& file : DataFiles(chain.Paths(chain.diff.empty() ? chain.full : chain.diff))) {
+        std::string bytes(file.fileSize, '\0');
+        uint32_t cbRead = 0;
+        ASSERT_EQ(server.ReadData(static_cast<uint16_t>(file.fileId), 0, bytes.data(),
+                                  static_cast<uint32_t>(bytes.size()), &cbRead),
+                  0);
+        EXPECT_EQ(cbRead, file.fileSize);
+        ExpectSameBytes(bytes, Reference(reference, file), LastComponent(file.physicalName) + " read by the emulator");
+    }
+#else
+    GTEST_SKIP() << "the SQL Server emulator (support/SqlServerEmulator.h, support/PosixFileIo.h) has not landed";
+#endif
+}
 
 // ---------------------------------------------------------------------------
 // Many readers, an interruption, and the mount after it
