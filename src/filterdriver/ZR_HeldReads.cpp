@@ -9,18 +9,16 @@ namespace {
 // Keys and ids come from one counter, kept apart so that a library that
 // mixed the two would find nothing.
 constexpr uint64_t kBufferKeyBase = uint64_t(1) << 48;
-constexpr std::align_val_t kBufferAlignment{4096};
 
 }  // namespace
 
-void ZR_AlignedDelete::operator()(uint8_t* p) const { ::operator delete[](p, kBufferAlignment); }
-
 std::shared_ptr<ZR_HeldRead> ZR_HeldReads::Begin(uint32_t cbBuffer) {
     auto pRead = std::make_shared<ZR_HeldRead>();
-    const size_t cb = cbBuffer ? cbBuffer : 1;
-    pRead->pBuffer.reset(static_cast<uint8_t*>(::operator new[](cb, kBufferAlignment, std::nothrow)));
+    const size_t cbAllocated = cbBuffer ? cbBuffer : 1;
+    pRead->pBuffer.reset(static_cast<uint8_t*>(
+        ::operator new[](cbAllocated, std::align_val_t(kHeldReadAlignment), std::nothrow)));
     if (!pRead->pBuffer) return nullptr;
-    std::memset(pRead->pBuffer.get(), 0, cb);
+    std::memset(pRead->pBuffer.get(), 0, cbAllocated);
     pRead->cbBuffer = cbBuffer;
     std::lock_guard guard(m_cs);
     if (m_bStopped) return nullptr;
