@@ -55,13 +55,6 @@ uint64_t TotalSize(const std::vector<fs::path>& files) {
     return cb;
 }
 
-double PeakRssMiBOf(const std::string& pid) {
-    std::ifstream status("/proc/" + pid + "/status");
-    for (std::string line; std::getline(status, line);)
-        if (line.rfind("VmHWM:", 0) == 0) return std::atof(line.c_str() + 6) / 1024;
-    return 0;
-}
-
 // One figure: MB/s and its ratio to the plain rate.
 void PrintRate(const char* szWhat, uint64_t cb, double dSeconds, double dPlainRate) {
     const double dRate = double(cb) / dSeconds;
@@ -126,7 +119,7 @@ int main(int argc, char** argv) {
     std::smatch m;
     const std::string pid = std::regex_search(text, m, std::regex("process ([0-9]+)")) ? m[1].str() : "";
     const bool bOk = Measure(point, backup);
-    const double dServerRss = pid.empty() ? 0 : PeakRssMiBOf(pid);
+    const double dServerRss = pid.empty() ? 0 : zrbench::PeakRssMiB(pid);
     if (!Shell("'" + Program().string() + "' umount '" + point.string() + "'") && Mounted(point))
         Shell("fusermount3 -u -z '" + point.string() + "'");
     if (!pid.empty()) WaitForEnd(pid);
