@@ -38,4 +38,3 @@ std::string ZirlaneDate(const MTF_DATE_TIME& date) {
                   st.wDay % 100u, st.wHour % 100u, st.wMinute % 100u, st.wSecond % 100u);
     return sz;
 }
-
