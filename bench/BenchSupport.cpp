@@ -170,8 +170,8 @@ void PrintRun(const char* szWhat, const Run& run, size_t nPages) {
                 Percentile(run.aLatencies, 0.5), Percentile(run.aLatencies, 0.99));
 }
 
-double PeakRssMiB() {
-    std::ifstream status("/proc/self/status");
+double PeakRssMiB(const std::string& process) {
+    std::ifstream status("/proc/" + process + "/status");
     for (std::string line; std::getline(status, line);)
         if (line.rfind("VmHWM:", 0) == 0)
             return std::atof(line.c_str() + 6) / 1024;  // in kB

@@ -60,8 +60,9 @@ HANDLE OpenPlain(const std::filesystem::path& path);
 // Reads the page at iFileOfs into an aligned buffer.
 bool ReadPlainPage(HANDLE h, uint64_t iFileOfs, void* pBuffer);
 
-// The peak resident memory of the process in MiB, 0 when unknown.
-double PeakRssMiB();
+// The peak resident memory of a process ("self", or a process id) in MiB,
+// 0 when unknown.
+double PeakRssMiB(const std::string& process = "self");
 
 // The file as the test walker reads it, through the library's reader of
 // backup files: without the system cache, as a RESTORE reads its backup.
