@@ -172,9 +172,9 @@ void PrintRun(const char* szWhat, const Run& run, size_t nPages) {
 
 namespace {
 
-// A field of /proc/self/status, in kB there.
-double StatusMiB(const std::string& strField) {
-    std::ifstream status("/proc/self/status");
+// A field of /proc/<process>/status, in kB there.
+double StatusMiB(const std::string& process, const std::string& strField) {
+    std::ifstream status("/proc/" + process + "/status");
     for (std::string line; std::getline(status, line);)
         if (line.rfind(strField, 0) == 0) return std::atof(line.c_str() + strField.size()) / 1024;
     return 0;
@@ -182,9 +182,9 @@ double StatusMiB(const std::string& strField) {
 
 }  // namespace
 
-double PeakRssMiB() { return StatusMiB("VmHWM:"); }
+double PeakRssMiB(const std::string& process) { return StatusMiB(process, "VmHWM:"); }
 
-double RssMiB() { return StatusMiB("VmRSS:"); }
+double RssMiB() { return StatusMiB("self", "VmRSS:"); }
 
 void ResetPeakRss() { std::ofstream("/proc/self/clear_refs") << "5"; }
 

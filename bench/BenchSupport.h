@@ -60,12 +60,13 @@ HANDLE OpenPlain(const std::filesystem::path& path);
 // Reads the page at iFileOfs into an aligned buffer.
 bool ReadPlainPage(HANDLE h, uint64_t iFileOfs, void* pBuffer);
 
-// The peak resident memory of the process in MiB, 0 when unknown.
-double PeakRssMiB();
+// The peak resident memory of a process ("self", or a process id) in MiB,
+// 0 when unknown.
+double PeakRssMiB(const std::string& process = "self");
 // The resident memory of the process now, in MiB.
 double RssMiB();
-// Starts the peak over from what the process holds now (Linux 4.0 and
-// later), so that PeakRssMiB tells the peak of what follows.
+// Starts the peak of the process over from what it holds now (Linux 4.0
+// and later), so that PeakRssMiB tells the peak of what follows.
 void ResetPeakRss();
 
 // The file as the test walker reads it, through the library's reader of

@@ -105,6 +105,11 @@ bool ZR_DataFile::IsPresent(uint64_t iPage) {
     return m_Bitmap.Test(iPage);
 }
 
+uint64_t ZR_DataFile::CountPresent() {
+    std::lock_guard guard(m_cs);
+    return m_Bitmap.CountPresent();
+}
+
 bool ZR_DataFile::NextMissing(uint64_t iFirst, uint64_t iEnd, uint64_t* piStart, uint32_t* piCount,
                               uint8_t aBitmap[kLiveBitmapBytes]) {
     std::lock_guard guard(m_cs);

@@ -62,6 +62,7 @@ public:
     const FileObjectUniquifier& Uniquifier() const { return m_Uniquifier; }
     uint64_t Size();
     bool IsPresent(uint64_t iPage);
+    uint64_t CountPresent();
 
     // --- SQL Server's reads ---
     // The next stretch of pages [iFirst, iEnd) that a live read must fetch:

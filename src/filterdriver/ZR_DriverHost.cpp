@@ -271,6 +271,16 @@ ZR_HostStatus ZR_DriverHost::QuerySize(ZR_HostHandle hFile, uint64_t* piSize) {
     return kHostSuccess;
 }
 
+ZR_HostStatus ZR_DriverHost::QueryPresentPages(ZR_HostHandle hFile, uint64_t* piPages) {
+    *piPages = 0;
+    if (m_Driver.IsStopping()) return kHostDriverStopped;
+    std::shared_ptr<OpenFile> pFile = Find(hFile);
+    if (!pFile) return kHostInvalidHandle;
+    if (!pFile->pData) return kHostInvalidParameter;
+    *piPages = pFile->pData->CountPresent();
+    return kHostSuccess;
+}
+
 ZR_HostStatus ZR_DriverHost::QueryPosition(ZR_HostHandle hFile, uint64_t* piPosition) {
     *piPosition = 0;
     if (m_Driver.IsStopping()) return kHostDriverStopped;

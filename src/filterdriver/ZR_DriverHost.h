@@ -60,6 +60,8 @@ public:
     // A data file: its size, as command 4 gave it or as it was set since.
     // A virtual backup file: the size of the view (operation 5, class 5).
     ZR_HostStatus QuerySize(ZR_HostHandle hFile, uint64_t* piSize);
+    // Data files only: the pages the sparse file holds, as its bitmap says.
+    ZR_HostStatus QueryPresentPages(ZR_HostHandle hFile, uint64_t* piPages);
     // The position the library keeps for the file (operation 5, class 14).
     ZR_HostStatus QueryPosition(ZR_HostHandle hFile, uint64_t* piPosition);
     // Data files only: pages that grow in hold zeros. A data file never

@@ -10,7 +10,10 @@
 #include <string>
 #include <vector>
 
+#include "mount/ZR_StopInfo.h"
+
 class ZR_Backup;
+class ZR_MountInfo;
 class SQL_ConfigRecords;
 struct LSN;
 struct MTF_DATE_TIME;
@@ -29,6 +32,8 @@ void AddStatementsCommand(CLI::App& app, int* piExit);
 void AddInfoCommand(CLI::App& app, int* piExit);
 void AddExtractCommand(CLI::App& app, int* piExit);
 void AddViewCommand(CLI::App& app, int* piExit);
+void AddMountCommand(CLI::App& app, int* piExit);
+void AddUmountCommand(CLI::App& app, int* piExit);
 
 // ---- Options (Options.cpp) ----
 
@@ -44,9 +49,38 @@ void ZirlaneAddDataSetOption(CLI::App& cmd, int* piDataSet, const std::string& d
 // ~/.cache/zirlane/maps), the --map-folder option with that default, and
 // making a folder the library's map folder (created when missing; false,
 // with the reason in the error chain, if its name is too long).
+// ZirlaneCacheFolder("sparse") is a folder beside it.
+std::string ZirlaneCacheFolder(const std::string& name);
 std::string ZirlaneDefaultMapFolder();
 void ZirlaneAddMapFolderOption(CLI::App& cmd, std::string* pFolder);
 bool ZirlaneUseMapFolder(const std::string& folder);
+
+// ---- A chain of backups (Chain.cpp) ----
+
+// The backups of a mount as the options of a command name them.
+struct ZirlaneChain {
+    std::string database;
+    CLI::Option* pDatabaseOption = nullptr;
+    std::string mapFolder;
+    std::vector<std::string> aFull;
+    std::vector<std::vector<std::string>> aDiffs;  // one entry per --diff: a chain takes one
+    std::vector<std::vector<std::string>> aLogs;   // one entry per --log, with its files
+    std::string stop;
+};
+// Adds --database, --map-folder, --full, --diff, --log and --stop.
+void ZirlaneAddChainOptions(CLI::App& cmd, ZirlaneChain* pChain, bool bDatabaseRequired);
+// Checks what the options' own checks cannot (usage errors): a database
+// name the statements can carry, one differential, the stop clause. Gives
+// the stop; *pClause receives the clause for the library (empty: none).
+ZR_StopInfo ZirlaneCheckChain(const ZirlaneChain& chain, std::string* pClause);
+// The statements' count: the full backup, the differential, the logs.
+int ZirlaneStatementCount(const ZirlaneChain& chain);
+// Puts the backups, the database (when named) and the stop in a request.
+void ZirlaneBuildRequest(ZR_MountInfo* pInfo, const ZirlaneChain& chain, const std::string& stopClause);
+// Every statement of a mounted request, as GetSQL hands it out. Each call
+// gives the views new names: only the statements of the last call name
+// them rightly.
+std::vector<std::string> ZirlaneStatements(ZR_MountInfo* pInfo);
 
 // ---- Backups (Backups.cpp) ----
 

@@ -10,7 +10,9 @@
 #include "diag/ZR_Error.h"
 #include "maps/X_MapFile.h"
 
-std::string ZirlaneDefaultMapFolder() {
+std::string ZirlaneDefaultMapFolder() { return ZirlaneCacheFolder("maps"); }
+
+std::string ZirlaneCacheFolder(const std::string& name) {
     namespace fs = std::filesystem;
     fs::path base;
     if (const char* xdg = std::getenv("XDG_CACHE_HOME"); xdg && *xdg)
@@ -19,7 +21,7 @@ std::string ZirlaneDefaultMapFolder() {
         base = fs::path(home) / ".cache";
     else
         base = fs::temp_directory_path();
-    return (base / "zirlane" / "maps").string();
+    return (base / "zirlane" / name).string();
 }
 
 bool ZirlaneUseMapFolder(const std::string& folder) {

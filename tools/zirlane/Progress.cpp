@@ -1,6 +1,10 @@
 #include "Progress.h"
 
+#include <algorithm>
+#include <condition_variable>
 #include <cstdio>
+#include <mutex>
+#include <thread>
 
 #include "platform/WideStdio.h"
 
@@ -38,4 +42,48 @@ void ZirlaneProgress::Update(uint64_t iDone) {
     std::fprintf(stderr, "\r%s [%s%*s] %3d%% (%llu of %llu MiB)", m_label.c_str(), std::string(iFilled, '#').c_str(),
                  kBarWidth - iFilled, "", iPercent, iMiB, iTotalMiB);
     std::fflush(stderr);
+}
+
+namespace {
+
+// Shows the progress of work on a thread of its own until it is destroyed.
+class ProgressShower {
+public:
+    ProgressShower(const std::string& label, uint64_t iTotal, const std::function<uint64_t()>& done)
+        : m_thread([this, label, iTotal, done] { Show(label, iTotal, done); }) {}
+    ~ProgressShower() {
+        {
+            std::lock_guard guard(m_cs);
+            m_bDone = true;
+        }
+        m_cvDone.notify_all();
+        m_thread.join();
+    }
+    ProgressShower(const ProgressShower&) = delete;
+    ProgressShower& operator=(const ProgressShower&) = delete;
+
+private:
+    void Show(const std::string& label, uint64_t iTotal, const std::function<uint64_t()>& done) {
+        try {
+            ZirlaneProgress progress(label, iTotal);
+            std::unique_lock lock(m_cs);
+            while (!m_cvDone.wait_for(lock, kTerminalPeriod, [this] { return m_bDone; }))
+                progress.Update(std::min(done(), iTotal));
+        } catch (...) {
+            // the bar is only a courtesy
+        }
+    }
+
+    std::mutex m_cs;
+    std::condition_variable m_cvDone;
+    bool m_bDone = false;  // under m_cs
+    std::thread m_thread;  // last: it starts once the rest is made
+};
+
+}  // namespace
+
+bool ZirlaneWithProgress(const std::string& label, uint64_t iTotal, const std::function<uint64_t()>& done,
+                         const std::function<bool()>& work) {
+    ProgressShower shower(label, iTotal, done);
+    return work();
 }

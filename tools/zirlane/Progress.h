@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <string>
 
 class ZirlaneProgress {
@@ -28,3 +29,9 @@ private:
     Clock::time_point m_start;
     Clock::time_point m_last;
 };
+
+// Runs work on the calling thread while another thread shows its progress,
+// as done() tells it (called every tenth of a second, from that thread),
+// against iTotal. Gives what work gave.
+bool ZirlaneWithProgress(const std::string& label, uint64_t iTotal, const std::function<uint64_t()>& done,
+                         const std::function<bool()>& work);

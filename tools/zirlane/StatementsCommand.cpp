@@ -10,7 +10,6 @@
 //
 // Every option is checked before the mount: a name, drive or WITH option
 // that would make invalid T-SQL is a usage error.
-#include <algorithm>
 #include <cctype>
 #include <charconv>
 #include <cstdio>
@@ -27,17 +26,10 @@
 
 namespace {
 
-constexpr size_t kMaxNameChars = 128;  // SQL Server's sysname
-
 struct StatementsOptions {
-    std::string database;
+    ZirlaneChain chain;
     std::string drive = "C:";
     std::string key;
-    std::string mapFolder;
-    std::vector<std::string> aFull;
-    std::vector<std::vector<std::string>> aDiffs;  // one entry per --diff: a chain takes one
-    std::vector<std::vector<std::string>> aLogs;   // one entry per --log, with its files
-    std::string stop;
     std::vector<std::string> aWith;  // N:OPTION, N counted from 1 (the full backup)
 };
 
@@ -49,16 +41,6 @@ struct StatementsRequest {
     std::vector<std::pair<int, std::wstring>> aWith;
 };
 
-void CheckDatabase(const std::string& name) {
-    if (name.empty()) ZirlaneUsageError("--database", "the name must not be empty");
-    if (name.size() > kMaxNameChars)
-        ZirlaneUsageError("--database", "the name is longer than " + std::to_string(kMaxNameChars) + " characters");
-    // The statements write the name between brackets.
-    if (name.find(']') != std::string::npos ||
-        std::any_of(name.begin(), name.end(), [](unsigned char c) { return c < 0x20; }))
-        ZirlaneUsageError("--database", "\"" + name + "\" holds a ']' or a control character");
-}
-
 // "D", "D:", "D:\" or "D:/" give "D:\".
 std::wstring Drive(const std::string& text) {
     const bool bLetter = !text.empty() && std::isalpha(static_cast<unsigned char>(text[0]));
@@ -66,10 +48,6 @@ std::wstring Drive(const std::string& text) {
     if (!bLetter || !(rest.empty() || rest == ":" || rest == ":\\" || rest == ":/"))
         ZirlaneUsageError("--drive", "takes a drive letter such as D:, not \"" + text + "\"");
     return std::wstring(1, static_cast<wchar_t>(std::toupper(static_cast<unsigned char>(text[0])))) + L":\\";
-}
-
-int StatementCount(const StatementsOptions& o) {
-    return 1 + static_cast<int>(o.aDiffs.size()) + static_cast<int>(o.aLogs.size());
 }
 
 // N:OPTION, with N a statement of the chain and an OPTION that is not blank.
@@ -89,55 +67,30 @@ std::pair<int, std::wstring> With(const std::string& text, int iStatements) {
 }
 
 StatementsRequest CheckOptions(const StatementsOptions& o) {
-    CheckDatabase(o.database);
-    if (o.aDiffs.size() > 1)
-        ZirlaneUsageError("--diff", "a chain restores one differential backup; name its files (stripes) after one "
-                                    "--diff");
     StatementsRequest request;
+    request.stop = ZirlaneCheckChain(o.chain, &request.stopClause);
     request.wsDrive = Drive(o.drive);
-    if (!o.stop.empty()) request.stop = ZirlaneParseStop(o.stop, &request.stopClause);
-    for (const std::string& with : o.aWith) request.aWith.push_back(With(with, StatementCount(o)));
+    for (const std::string& with : o.aWith) request.aWith.push_back(With(with, ZirlaneStatementCount(o.chain)));
     return request;
 }
 
-void AddBackup(ZR_MountInfo* pInfo, int iType, const wchar_t* wszTypeName, const std::vector<std::string>& aFiles) {
-    BuildBackupInfoFromSet(pInfo, iType, 1, nullptr, nullptr);
-    for (const std::string& file : aFiles) AddBackupSetFilename(pInfo, wszTypeName, ZirlaneWide(file).c_str());
-}
-
 void BuildRequest(ZR_MountInfo* pInfo, const StatementsOptions& options, const StatementsRequest& request) {
-    AddBackup(pInfo, ZR_BACKUP_FULL, L"Full", options.aFull);
-    for (const auto& aDiff : options.aDiffs) AddBackup(pInfo, ZR_BACKUP_DIFF, L"Diff", aDiff);
-    for (const auto& aLog : options.aLogs) AddBackup(pInfo, ZR_BACKUP_LOG, L"Log", aLog);
-    SetTargetDatabase(pInfo, ZirlaneWide(options.database).c_str());
+    ZirlaneBuildRequest(pInfo, options.chain, request.stopClause);
     SetFilterDrive(pInfo, request.wsDrive.c_str());
     if (!options.key.empty()) SetMountKey(pInfo, ZirlaneWide(options.key).c_str());
-    if (!request.stopClause.empty()) SetStop(pInfo, ZirlaneWide(request.stopClause).c_str());
     for (const auto& [iStatement, wsOption] : request.aWith) AddWith(pInfo, iStatement, wsOption.c_str());
-}
-
-// Each statement as GetSQL hands it out, with room for ids that grow a digit
-// between the size and the copy.
-void PrintStatements(ZR_MountInfo* pInfo) {
-    const int iCount = GetNumSQL(pInfo);
-    for (int i = 0; i < iCount; ++i) {
-        const int iSize = GetSQLSize(pInfo, static_cast<unsigned>(i));
-        std::vector<wchar_t> buffer(static_cast<size_t>(iSize) + 64, L'\0');
-        GetSQL(pInfo, static_cast<unsigned>(i), buffer.data(), static_cast<unsigned>(buffer.size() - 1));
-        std::printf("%s\n\n", ZirlaneUtf8(buffer.data()).c_str());
-    }
 }
 
 int RunStatements(const StatementsOptions& options) {
     const StatementsRequest request = CheckOptions(options);
-    if (!ZirlaneUseMapFolder(options.mapFolder)) return ZirlaneFinish(false);
+    if (!ZirlaneUseMapFolder(options.chain.mapFolder)) return ZirlaneFinish(false);
     ZR::Initialize();
     ZR_MountInfo* pInfo = AllocateMountInfo();
     BuildRequest(pInfo, options, request);
     wchar_t* wszKey = nullptr;
     int iExit = ZIRLANE_EXIT_OK;
     if (ZR::GetZR()->Mount(pInfo, &wszKey)) {
-        PrintStatements(pInfo);
+        for (const std::string& statement : ZirlaneStatements(pInfo)) std::printf("%s\n\n", statement.c_str());
         wchar_t* wszAttach = ZR::GenAttachDatabaseSQL(pInfo->GetTargetDatabase(), wszKey);
         std::fputs(ZirlaneUtf8(wszAttach).c_str(), stdout);
         free(wszAttach);
@@ -158,17 +111,10 @@ int RunStatements(const StatementsOptions& options) {
 void AddStatementsCommand(CLI::App& app, int* piExit) {
     auto pOptions = std::make_shared<StatementsOptions>();
     CLI::App* pCmd = app.add_subcommand("statements", "Mount a chain of backups and print its restore statements");
-    pCmd->add_option("--database", pOptions->database, "Name of the database the statements restore")->required();
+    ZirlaneAddChainOptions(*pCmd, &pOptions->chain, true);
     pCmd->add_option("--drive", pOptions->drive, "Drive letter of the filter drive that the virtual backups live on")
         ->default_str("C:");
     pCmd->add_option("--key", pOptions->key, "Mount key (default: GUID= and a new GUID)");
-    ZirlaneAddMapFolderOption(*pCmd, &pOptions->mapFolder);
-    pCmd->add_option("--full", pOptions->aFull, "Files of the full backup, in any stripe order")->required();
-    pCmd->add_option("--diff", pOptions->aDiffs, "Files of the differential backup, in any stripe order");
-    pCmd->add_option("--log", pOptions->aLogs, "Files of one log backup; repeat for each log, in restore order");
-    pCmd->add_option("--stop", pOptions->stop,
-                     "Stop point: STOPAT='2017-06-01 13:25:00', STOPATMARK='lsn:25:153:1', "
-                     "STOPBEFOREMARK='mark' AFTER '2017-06-01 13:00:00' (quotes optional)");
     pCmd->add_option("--with", pOptions->aWith, "N:OPTION, a WITH option of statement N (1 is the full backup)")
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
         ->allow_extra_args(false);

@@ -18,6 +18,8 @@ const ZirlaneAddCommand kCommands[] = {
     AddViewCommand,
     AddStatementsCommand,
     AddExtractCommand,
+    AddMountCommand,
+    AddUmountCommand,
 };
 
 // CLI11 ends the text with a line feed of its own.
