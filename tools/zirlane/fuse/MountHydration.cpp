@@ -15,6 +15,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
+constexpr auto kLookPeriod = 100ms;      // looks at the progress
 constexpr auto kTerminalPeriod = 250ms;  // redraws of the bar
 constexpr auto kLinePeriod = 5s;         // plain lines into a file or a pipe
 constexpr auto kJsonPeriod = 1s;
@@ -105,19 +106,23 @@ ZirlaneHydration::Sample ZirlaneHydration::Take() {
 void ZirlaneHydration::Show() {
     try {
         const auto period = m_bJson ? kJsonPeriod : m_bTerminal ? kTerminalPeriod : kLinePeriod;
-        const Clock::time_point start = Clock::now();
-        const Sample first = Take();
-        Sample last = first;
+        // The rate counts from the first look that found the files: what
+        // they held before is not this run's.
+        Sample first, last;
+        Clock::time_point start, printed = Clock::now();
         std::unique_lock lock(m_cs);
         for (bool bEnded = false; !bEnded;) {
-            bEnded = m_cvEnded.wait_for(lock, period, [this] { return m_iOutcome != 0; });
+            bEnded = m_cvEnded.wait_for(lock, kLookPeriod, [this] { return m_iOutcome != 0; });
             // A removed mount tells nothing more; progress never goes back.
             if (Sample sample = Take(); sample.iTotal) {
                 sample.iDone = std::max(sample.iDone, last.iDone);
+                if (!first.iTotal) first = sample, start = Clock::now();
                 last = sample;
             }
-            const double dSeconds = std::chrono::duration<double>(Clock::now() - start).count();
-            Print(last, double(last.iDone - first.iDone) / dSeconds, bEnded);
+            if (!bEnded && Clock::now() - printed < period) continue;
+            printed = Clock::now();
+            const double dSeconds = std::chrono::duration<double>(printed - start).count();
+            Print(last, first.iTotal && dSeconds > 0 ? double(last.iDone - first.iDone) / dSeconds : 0, bEnded);
         }
     } catch (...) {
         // the progress is only a courtesy
