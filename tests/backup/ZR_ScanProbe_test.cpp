@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <sstream>
 
 #include "ZR_ScanTestHelpers.h"
 #include "support/SyntheticBackup.h"
@@ -18,32 +17,18 @@ namespace {
 
 const char* const kStripeDir = "appveyor-lab/sql2008-backups/RestoreTimeStripe/";
 
-// The files of each two-file media set of the test data, by media set id.
+fs::path Stripe(const char* szRelative) { return *zrtest::TestDataFile(std::string(kStripeDir) + szRelative); }
+
+// The files of each two-file media set of the test data.
 std::vector<std::vector<fs::path>> StripePairs() {
-    std::vector<std::vector<fs::path>> aPairs;
-    auto manifest = zrtest::TestDataFile("manifest.tsv");
-    if (!manifest) return aPairs;
-    std::ifstream in(*manifest);
-    std::string line;
-    std::getline(in, line);
-    std::vector<std::string> aNames;
-    std::stringstream header(line);
-    for (std::string s; std::getline(header, s, '\t');) aNames.push_back(s);
-    auto column = [&](const std::string& name) {
-        return static_cast<size_t>(std::find(aNames.begin(), aNames.end(), name) - aNames.begin());
-    };
-    size_t iFile = column("file"), iMediaSet = column("mediaset"), iFamily = column("family");
     std::map<std::string, std::vector<fs::path>> bySet;
-    while (std::getline(in, line)) {
-        std::vector<std::string> aCells;
-        std::stringstream row(line);
-        for (std::string s; std::getline(row, s, '\t');) aCells.push_back(s);
-        if (aCells.size() <= std::max({iFile, iMediaSet, iFamily}) || aCells[iFamily] == "1/1") continue;
-        auto path = zrtest::TestDataFile(aCells[iFile]);
-        if (path) bySet[aCells[iMediaSet]].push_back(*path);
-    }
+    for (const zrtest::ManifestEntry& e : zrtest::NativeBackups(0, 99))
+        if (e.stripes == 2)
+            bySet[e.mediaset].push_back(*zrtest::TestDataFile(e.file));
+    std::vector<std::vector<fs::path>> aPairs;
     for (auto& [set, aFiles] : bySet)
-        if (aFiles.size() == 2) aPairs.push_back(aFiles);
+        if (aFiles.size() == 2)  // a set of which the test data holds both files
+            aPairs.push_back(aFiles);
     return aPairs;
 }
 
@@ -105,33 +90,31 @@ TEST_F(ScanProbeTest, StripesOfOneMediaSetProbeTogetherInEitherOrder) {
     }
 }
 
-TEST_F(ScanProbeTest, OneStripeAloneIsRefused) {
+// A stripe alone, two stripes of different media sets (they fit together
+// by their RAID streams and differ only in their dates), one stripe under
+// two names.
+TEST_F(ScanProbeTest, StripesThatDoNotMakeASetAreRefused) {
     ZR_REQUIRE_TESTDATA();
-    ProbeRun run = Probe({*zrtest::TestDataFile(std::string(kStripeDir) + "Stripe1/RestoreTimeStripe.bak")});
-    EXPECT_FALSE(run.bResult);
-    EXPECT_TRUE(ErrorsContain(L"Not all of the 2 required striped backup files are specified."));
-    EXPECT_TRUE(ErrorsContain(L"Abort during scan of backup file #0."));
-}
-
-// Two stripes of different media sets fit together by their RAID streams
-// and differ only in their dates.
-TEST_F(ScanProbeTest, StripesOfDifferentMediaSetsAreMismatched) {
-    ZR_REQUIRE_TESTDATA();
-    ProbeRun run = Probe({*zrtest::TestDataFile(std::string(kStripeDir) + "Stripe1/RestoreTimeStripe.bak"),
-                          *zrtest::TestDataFile(std::string(kStripeDir) + "Stripe2/RestoreTimeStripe2a.bak")});
-    EXPECT_FALSE(run.bResult);
-    EXPECT_TRUE(ErrorsContain(L"Mismatched backup files."));
-}
-
-TEST_F(ScanProbeTest, SameStripeUnderTwoNamesIsMismatched) {
-    ZR_REQUIRE_TESTDATA();
-    fs::path original = *zrtest::TestDataFile(std::string(kStripeDir) + "Stripe1/RestoreTimeStripe.bak");
     fs::path copy = m_tmp / "again.bak";
-    fs::copy_file(original, copy);
-    ProbeRun run = Probe({original, copy});
-    EXPECT_FALSE(run.bResult);
-    EXPECT_TRUE(ErrorsContain(L"Mismatched striped backup files."));
-    EXPECT_TRUE(ErrorsContain(L"Abort during scan of backup file #1."));
+    fs::copy_file(Stripe("Stripe1/RestoreTimeStripe.bak"), copy);
+    const struct {
+        std::vector<fs::path> aFiles;
+        std::vector<const wchar_t*> aReasons;
+    } cases[] = {
+        {{Stripe("Stripe1/RestoreTimeStripe.bak")},
+         {L"Not all of the 2 required striped backup files are specified.", L"Abort during scan of backup file #0."}},
+        {{Stripe("Stripe1/RestoreTimeStripe.bak"), Stripe("Stripe2/RestoreTimeStripe2a.bak")},
+         {L"Mismatched backup files."}},
+        {{Stripe("Stripe1/RestoreTimeStripe.bak"), copy},
+         {L"Mismatched striped backup files.", L"Abort during scan of backup file #1."}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.aFiles.back().string());
+        ZR_ClearErrors(nullptr);
+        EXPECT_FALSE(Probe(c.aFiles).bResult);
+        for (const wchar_t* wszReason : c.aReasons)
+            EXPECT_TRUE(ErrorsContain(wszReason)) << Narrow(ErrorsText());
+    }
 }
 
 TEST_F(ScanProbeTest, ConfigurationGivesVersionAndType) {
