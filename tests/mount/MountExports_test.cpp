@@ -1,3 +1,6 @@
+// The request as the exports build it: which record each file goes to,
+// what a setter keeps, and what is refused. (The stop clause is the stop
+// clause tests'.)
 #include <gtest/gtest.h>
 
 #include <string>
@@ -119,15 +122,6 @@ TEST_F(MountRequest, GuidParsesIntoTheRecord) {
     EXPECT_EQ(guid.Data4[0], 0xB3u);
     EXPECT_EQ(guid.Data4[7], 0xDAu);
     EXPECT_NE(SetGuid(m_pInfo, L"not a guid"), 0);
-}
-
-TEST_F(MountRequest, StopExportFillsTheStop) {
-    EXPECT_EQ(m_pInfo->GetStop().m_eStopType, ZR_STOP_UNDEFINED);
-    EXPECT_TRUE(SetStop(m_pInfo, L"STOPATMARK='lsn:1:2:3'"));
-    EXPECT_EQ(m_pInfo->GetStop().m_eStopType, ZR_STOP_AT_LSN);
-    EXPECT_FALSE(SetStop(m_pInfo, L"STOPATMARK"));
-    EXPECT_EQ(m_pInfo->GetStop().m_eStopType, ZR_STOP_UNDEFINED);
-    EXPECT_FALSE(SetStop(m_pInfo, nullptr));
 }
 
 }  // namespace

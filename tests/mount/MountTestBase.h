@@ -1,40 +1,22 @@
 // A fixture for tests of the mount: a fresh library with the mount's steps
-// replaced by Steps (a test double), and the requests made by the test freed
-// at its end.
+// replaced by Steps (a test double).
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <vector>
-
-#include "diag/ZR_Error.h"
-#include "mount/ZR.h"
-#include "mount/ZR_MountInfo.h"
 #include "mount/ZR_MountStepsTesting.h"
-#include "zirlane/zirlane.h"
+#include "support/LibraryTest.h"
 
 template <class Steps>
-class MountTestBase : public testing::Test {
+class MountTestBase : public zrtest::LibraryTest {
 protected:
     void SetUp() override {
-        InitializeZR(0);
-        ZR::UninitializeForExit();
-        ZR_ClearErrors(nullptr);
+        LibraryTest::SetUp();
         m_pOldSteps = ZR_InstallMountStepsForTesting(&m_steps);
     }
     void TearDown() override {
         ZR_InstallMountStepsForTesting(m_pOldSteps);
-        ZR::UninitializeForExit();
-        ZR_ClearErrors(nullptr);
-        for (ZR_MountInfo* pInfo : m_aInfos) FreeMountInfo(pInfo);
-    }
-    // A new empty request, freed with the test.
-    ZR_MountInfo* NewRequest() {
-        m_aInfos.push_back(AllocateMountInfo());
-        return m_aInfos.back();
+        LibraryTest::TearDown();
     }
 
     Steps m_steps;
     ZR_MountSteps* m_pOldSteps = nullptr;
-    std::vector<ZR_MountInfo*> m_aInfos;
 };
