@@ -9,7 +9,7 @@
 #include <functional>
 #include <thread>
 
-#include "filterdriver/DriverTestBase.h"
+#include "support/DriverTestBase.h"
 #include "foundation/Utf16.h"
 #include "platform/win32.h"
 #include "support/ErrorText.h"

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "MountTestBase.h"
+#include "support/MountTestBase.h"
 #include "diag/ZR_Error.h"
 #include "support/ErrorText.h"
 #include "support/FakeDriver.h"

@@ -21,7 +21,7 @@
 #include "mount/ZR.h"
 #include "mount/ZR_MountStepsTesting.h"
 #include "zirlane/zirlane.h"
-#include "MountTestBase.h"
+#include "support/MountTestBase.h"
 #include "support/ConfigStream.h"
 #include "support/ErrorText.h"
 
