@@ -117,26 +117,6 @@ TEST_F(ScanProbeTest, StripesThatDoNotMakeASetAreRefused) {
     }
 }
 
-TEST_F(ScanProbeTest, ConfigurationGivesVersionAndType) {
-    ZR_REQUIRE_TESTDATA();
-    struct Case {
-        const char* szFile;
-        int iDataSet;
-        int iVersion;
-        char cType;
-    };
-    for (const Case& c : {Case{"gabrujo-WebDevelopment/StDb2EFRP/StDb2Sql.bak", 2, 9, 'D'},
-                          Case{"appveyor-lab/RestoreTimeClean/RestoreTimeClean_1.trn", 1, 10, 'L'},
-                          Case{"appveyor-lab/DoubleDiffing/difftest-diff1.bak", 1, 10, 'I'}}) {
-        SCOPED_TRACE(c.szFile);
-        ProbeRun run = Probe({*zrtest::TestDataFile(c.szFile)}, c.iDataSet);
-        ASSERT_TRUE(run.bResult) << Narrow(ErrorsText());
-        EXPECT_EQ(run.pB->m_iVersion, c.iVersion);
-        EXPECT_EQ(run.pB->m_ProbeIdentity.m_iBackupType, static_cast<uint8_t>(c.cType));
-        EXPECT_EQ(run.pB->m_ProbeIdentity.m_iRequiredFiles, 1);
-    }
-}
-
 TEST_F(ScanProbeTest, ThreeSyntheticStripesInAnyOrder) {
     zrtest::SyntheticOptions options;
     options.stripes = 3;
