@@ -1,5 +1,6 @@
 #include "BenchSupport.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -8,7 +9,9 @@
 
 #include "backup/ZR_Backup.h"
 #include "backupio/ZR_BackupFile.h"
+#include "backupio/ZR_ReadAhead.h"
 #include "diag/ZR_Error.h"
+#include "filterdriver/ZR_FilterDriver.h"
 #include "foundation/ZR_Types.h"
 #include "maps/ZR_CMaps.h"
 #include "maps/ZR_EMaps.h"
@@ -108,6 +111,63 @@ bool ReadPlainPage(HANDLE h, uint64_t iFileOfs, void* pBuffer) {
     DWORD iRead = 0;
     return ReadFile(h, pBuffer, ZR_PAGE_SIZE, &iRead, &o) ||
            (GetLastError() == ERROR_IO_PENDING && GetOverlappedResult(h, &o, &iRead, TRUE));
+}
+
+namespace {
+
+class UnbufferedFile : public zrtest::MtfSource {
+public:
+    explicit UnbufferedFile(const fs::path& path)
+        : m_file(nullptr, 1, path.wstring().c_str(), nullptr, false), m_pAhead(ZR_ReadAhead::Alloc()) {
+        m_bOpen = m_file.Open();
+    }
+    ~UnbufferedFile() override {
+        ZR_ReadAhead::Free(m_pAhead);
+        m_file.Close();
+    }
+    uint64_t Size() const override { return m_bOpen ? m_file.GetFileSize() : 0; }
+    bool Read(uint64_t iOfs, void* pOut, size_t cb) const override {
+        uint32_t iRead = 0;
+        return m_pAhead && iOfs + cb <= Size() &&
+               m_file.Read(m_pAhead, pOut, iOfs, static_cast<uint32_t>(cb), IO_READ, &iRead) && iRead == cb;
+    }
+
+private:
+    mutable ZR_BackupFile m_file;  // the walker's reads are const; the reader moves its window
+    ZR_ReadAhead* m_pAhead;
+    bool m_bOpen = false;
+};
+
+}  // namespace
+
+std::unique_ptr<zrtest::MtfSource> UnbufferedSource(const fs::path& path) {
+    return std::make_unique<UnbufferedFile>(path);
+}
+
+bool BringOnline(const fs::path& backup, OnlineMount* pOnline) {
+    std::shared_ptr<ZR_DriverHost> pHost = ZR_FilterDriver::Host();
+    if (!pHost) {
+        std::fprintf(stderr, "no driver runs\n");
+        return false;
+    }
+    pOnline->pIo = std::make_unique<zrtest::DriverHostFileIo>(std::move(pHost));
+    pOnline->pSql = std::make_unique<zrtest::SqlServerEmulator>(*pOnline->pIo);
+    if (pOnline->mount.Mount({.full = {backup}}) && pOnline->mount.Restore(*pOnline->pSql))
+        return true;
+    std::fprintf(stderr, "%s\n", pOnline->mount.Error().c_str());
+    return false;
+}
+
+double Percentile(std::vector<double> a, double p) {
+    if (a.empty())
+        return 0;
+    std::sort(a.begin(), a.end());
+    return a[std::min(a.size() - 1, static_cast<size_t>(p * double(a.size())))];
+}
+
+void PrintRun(const char* szWhat, const Run& run, size_t nPages) {
+    std::printf("%-22s %8.0f pages/s   p50 %8.1f us   p99 %8.1f us\n", szWhat, double(nPages) / run.dSeconds,
+                Percentile(run.aLatencies, 0.5), Percentile(run.aLatencies, 0.99));
 }
 
 double PeakRssMiB() {

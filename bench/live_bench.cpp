@@ -33,49 +33,6 @@ namespace {
 
 constexpr int kDefaultReads = 4000;
 
-struct Run {
-    double dSeconds = 0;
-    std::vector<double> aLatencies;  // microseconds, one per read
-    bool bOk = true;
-};
-
-double Percentile(std::vector<double> a, double p) {
-    if (a.empty()) return 0;
-    std::sort(a.begin(), a.end());
-    return a[std::min(a.size() - 1, static_cast<size_t>(p * double(a.size())))];
-}
-
-// Each of nSubmitters threads takes every nSubmitters-th page and reads it
-// with readPage(page, submitter, buffer), one after the other.
-template <class ReadPage>
-Run Submit(const std::vector<PageAt>& pages, int nSubmitters, ReadPage readPage) {
-    Run run;
-    std::vector<std::vector<double>> latencies(nSubmitters);
-    std::atomic<bool> bOk{true};
-    const auto start = std::chrono::steady_clock::now();
-    std::vector<std::thread> threads;
-    for (int s = 0; s < nSubmitters; ++s)
-        threads.emplace_back([&, s] {
-            void* pBuffer = VirtualAlloc(nullptr, ZR_PAGE_SIZE, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE);
-            for (size_t i = size_t(s); bOk && i < pages.size(); i += size_t(nSubmitters)) {
-                const auto t0 = std::chrono::steady_clock::now();
-                bOk = bOk && readPage(i, size_t(s), pBuffer);
-                latencies[s].push_back(zrbench::Seconds(t0) * 1e6);
-            }
-            VirtualFree(pBuffer, 0, MEM_RELEASE);
-        });
-    for (std::thread& t : threads) t.join();
-    run.dSeconds = zrbench::Seconds(start);
-    run.bOk = bOk;
-    for (auto& a : latencies) run.aLatencies.insert(run.aLatencies.end(), a.begin(), a.end());
-    return run;
-}
-
-void Print(const char* szWhat, const Run& run, size_t nPages) {
-    std::printf("%-22s %8.0f pages/s   p50 %8.1f us   p99 %8.1f us\n", szWhat, double(nPages) / run.dSeconds,
-                Percentile(run.aLatencies, 0.5), Percentile(run.aLatencies, 0.99));
-}
-
 // Each submitter waits for its own read's completion, as a worker of SQL
 // Server waits for its read; the operation id names the submitter.
 bool Measure(ZR_Database& db, const fs::path& path, const std::vector<PageAt>& pages, int nSubmitters) {
@@ -100,18 +57,10 @@ bool Measure(ZR_Database& db, const fs::path& path, const std::vector<PageAt>& p
             return false;
         return done[s]->try_acquire_for(60s) && results[s] == 0;
     };
-    // Plain, live, plain again: the device's state is the same for the live
-    // reads as for the mean of the plain ones.
-    const Run plain = Submit(pages, nSubmitters, readPlain);
-    const Run live = Submit(pages, nSubmitters, readLive);
-    const Run plainAgain = Submit(pages, nSubmitters, readPlain);
-    CloseHandle(h);
-    if (!live.bOk || !plain.bOk || !plainAgain.bOk) return false;
     std::printf("\n%d submitter%s, %zu random 8 KiB reads:\n", nSubmitters, nSubmitters > 1 ? "s" : "", pages.size());
-    Print("plain reads", plain, pages.size());
-    Print("plain reads again", plainAgain, pages.size());
-    Print("live reads", live, pages.size());
-    std::printf("ratio of live to plain pages/s: %.3f\n", (plain.dSeconds + plainAgain.dSeconds) / 2 / live.dSeconds);
+    const bool bOk = zrbench::MeasureAgainstPlain("live", pages.size(), nSubmitters, readPlain, readLive);
+    CloseHandle(h);
+    if (!bOk) return false;
     std::printf("reads taken by live I/O threads other than 0 so far: %d\n", g_iNumNon0ThreadActivity.load());
     return true;
 }

@@ -37,6 +37,11 @@ bool OpenControlCommunicationPort() {
     return g_hControlPort != INVALID_HANDLE_VALUE;
 }
 
+void CloseControlCommunicationPort() {
+    if (g_hControlPort != INVALID_HANDLE_VALUE) CloseHandle(g_hControlPort);
+    g_hControlPort = INVALID_HANDLE_VALUE;
+}
+
 HRESULT SendAddFileNames(uint64_t iFileSize, const wchar_t* wszPhysical, const wchar_t* wszVirtual) {
     // Each name goes with its terminating zero.
     const std::string strA = Utf16Encode(std::wstring(wszPhysical) + L'\0');

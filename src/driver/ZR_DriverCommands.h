@@ -23,6 +23,10 @@ extern HANDLE g_hControlPort;  // INVALID_HANDLE_VALUE until connected
 
 // True when the port is open afterwards.
 bool OpenControlCommunicationPort();
+// Closes the kept connection, at the end of the service: the next
+// OpenControlCommunicationPort connects anew, to whichever driver serves
+// the port then. Call it while no other thread sends on the port.
+void CloseControlCommunicationPort();
 
 // --- On the control port; each fails with E_HANDLE while it is closed ---
 // Command 4: one data file of a mount, the path SQL Server will open

@@ -32,6 +32,9 @@ bool IsLiveDataFile(const ZR_File* pFile) {
 
 ZR_Database::ZR_Database(const wchar_t* wszSparseFilesFolder, GUID guid) {
     InitializeCriticalSection(&m_cs);
+    // Lives as long as the object: a read may be on its way into the queue
+    // while live I/O stops.
+    InitializeCriticalSection(&m_csLiveIO);
     CreateEvents();
     m_iMountPrepareStartTime = NowSeconds();
     if (!(guid == GUID_NULL))
@@ -53,11 +56,18 @@ ZR_Database::~ZR_Database() {
     free(m_pwszSourceDatabase);
     if (g_iTraceMode) TraceLine("ZR_Database::~ZR_Database - strings freed\n");
     CloseEvents();
+    DeleteCriticalSection(&m_csLiveIO);
     DeleteCriticalSection(&m_cs);
     if (g_iTraceMode) TraceLine("ZR_Database::~ZR_Database return - member variables will destruct now\n");
     // The backups go first, the data files last.
     m_Backups.Clean();
     m_DataFiles.Clean();
+}
+
+void ZR_Database::WaitUnpinned() {
+    // A pin lasts one call of an operation thread: a lookup, then a read of a
+    // view or the queueing of a live read.
+    while (m_iPins > 0) Sleep(1);
 }
 
 void ZR_Database::CreateEvents() {

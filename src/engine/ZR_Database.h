@@ -114,6 +114,14 @@ public:
     void SetMaxTransferSize(int iSize);
 
     // A request for state 9 while hydration is paused gives 10.
+    // Operation threads that use the database without the library lock hold
+    // a pin from their lookup in g_DBs to the end of their call (see
+    // ZR_PinnedDatabase); whoever takes the database out of g_DBs waits for
+    // the pins to go before it destroys anything.
+    void Pin() { ++m_iPins; }
+    void Unpin() { --m_iPins; }
+    void WaitUnpinned();
+
     void SetState(int32_t iState);
     int32_t GetState() { return m_eState; }
     // Moves the state to iState if it stands below it, in one atomic step
@@ -211,6 +219,7 @@ public:
     AP<ZR_Backup> m_Backups;                  // 0 full, 1 differential or empty, 2.. logs
     GUID m_Guid = GUID_NULL;
     CRITICAL_SECTION m_cs;
+    std::atomic<int32_t> m_iPins{0};
     uint32_t m_iMountPrepareStartTime = 0;
     uint32_t m_iMountPrepareDoneTime = 0;
     uint32_t m_iFirstBackupReadTime = 0;        // first search for a virtual backup file; under the chain's lock
@@ -228,7 +237,7 @@ public:
     ZR_LiveIOEntry* m_pLiveFree = nullptr;     // free entries
     ZR_LiveIOEntry* m_pLiveHead = nullptr;     // queued entries, in order of arrival
     ZR_LiveIOEntry* m_pLiveTail = nullptr;
-    CRITICAL_SECTION m_csLiveIO;               // made by StartLiveIORead, deleted by StopLiveIORead
+    CRITICAL_SECTION m_csLiveIO;               // lives as long as the object
     ZR_LiveIOEntry** m_ppLiveBlocks = nullptr; // blocks of ZR_LiveIOEntry::ms_iBlockEntries entries
     int32_t m_iNumLiveBlocks = 0;              // slots of m_ppLiveBlocks
     int32_t m_iNumLiveIOThreads = 0;           // slots of m_phLiveIOThreads

@@ -109,11 +109,7 @@ int ZR_Database::LiveIOThreadsToStart() {
 void ZR_Database::StartLiveIORead(int iThreads) {
     if (g_iTraceMode) TraceLine("ZR_Database::StartLiveIORead\n");
     if (m_bLiveIOStarted || m_bLiveIOStopping) return;  // live I/O starts once
-    InitializeCriticalSection(&m_csLiveIO);
-    if (!AllocLiveIOTables(iThreads)) {
-        DeleteCriticalSection(&m_csLiveIO);
-        return;
-    }
+    if (!AllocLiveIOTables(iThreads)) return;
     for (auto* pCounter : {&m_iLiveIOWaiters, &m_iLiveIOsCount, &m_iLiveIOsQueued, &m_iLiveIOsHighWaterMark,
                            &m_iNumPreOwnedReleased, &m_iNumOwnedIOSequences, &m_iLiveIOPagesRead})
         *pCounter = 0;
@@ -158,19 +154,23 @@ void ZR_Database::StartLiveIOThreads(int iThreads) {
     // operation service answers the driver itself.
     m_bLiveIOStarted = false;
     FreeLiveIOTables();
-    DeleteCriticalSection(&m_csLiveIO);
 }
 
 void ZR_Database::StopLiveIORead() {
     if (g_iTraceMode) TraceLine("ZR_Database::StopLiveIORead\n");
-    if (!m_bLiveIOStarted) return;
-    m_bLiveIOStarted = false;
-    m_bLiveIOStopping = true;  // from now on nothing is added
+    {
+        // Under the lock, so that a read being added either is in the queue
+        // before the stop, and is served, or sees the stop and is refused.
+        HeldLock lock(&m_csLiveIO);
+        if (!m_bLiveIOStarted) return;
+        m_bLiveIOStarted = false;
+        m_bLiveIOStopping = true;
+    }
     SetEvent(m_hLiveIOStopEvent);
     WaitForLiveIOThreads();
+    HeldLock lock(&m_csLiveIO);
     AbortLiveIOEntries();
     FreeLiveIOTables();
-    DeleteCriticalSection(&m_csLiveIO);
 }
 
 // The threads serve what is queued and end when nothing is left for them.
@@ -233,7 +233,7 @@ bool ZR_Database::AddLiveIOEntry(void* pOpId, void* pBuffer, uint32_t iFileId, u
         return false;
     }
     HeldLock lock(&m_csLiveIO);
-    ZR_LiveIOEntry* pEntry = m_bLiveIOStopping ? nullptr : NewLiveIOEntry();
+    ZR_LiveIOEntry* pEntry = m_bLiveIOStopping || !m_bLiveIOStarted ? nullptr : NewLiveIOEntry();
     if (!pEntry) return false;
     CountReadSize(iBytes);
     *pEntry = ZR_LiveIOEntry{iOffset, pOpId, pBuffer, iBytes, iFileId, ZR_LiveIOEntry::ms_iNoOwner, 0,

@@ -182,6 +182,10 @@ ZR_HostStatus ZR_DataFile::Write(uint64_t iOffset, const void* p, uint32_t cb) {
 }
 
 ZR_HostStatus ZR_DataFile::SetSize(uint64_t iSize) {
+    // The restore sizes the file as the view's file records say, which cut
+    // it to its first extents: the file keeps the size of the backup, whose
+    // pages live reads and hydration bring.
+    iSize = std::max(iSize, m_Names.iFileSize);
     {
         std::lock_guard guard(m_cs);
         if (m_bClosed) return kHostInvalidHandle;

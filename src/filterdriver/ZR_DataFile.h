@@ -86,6 +86,8 @@ public:
     // when they reach past its end.
     ZR_HostStatus Write(uint64_t iOffset, const void* p, uint32_t cb);
     // Pages that grow in hold zeros and are present; the bitmap is stored.
+    // Never below the size command 4 gave: the restore's view cuts the file
+    // records to the first extents, and the backup's pages lie behind them.
     ZR_HostStatus SetSize(uint64_t iSize);
     // Flushes the sparse file, then stores the bitmap, if anything changed.
     ZR_HostStatus Flush();

@@ -101,8 +101,8 @@ ZR_HostStatus ZR_DriverHost::LiveRead(const OpenFile& file, uint64_t iOffset, ui
     std::memcpy(read.Bitmap, pBitmap, sizeof read.Bitmap);
     read.iBufferKey = pRead->iBufferKey;
     read.pOpId = pRead->iOpId;
-    m_Driver.Trace().Line("read of %S held: offset %I64u, %u bytes, operation %I64u\n", file.strName.c_str(), iOffset,
-                          cb, pRead->iOpId);
+    m_Driver.Trace().Line("read of %S held: offset %I64u, %u bytes, operation %I64u, buffer %I64u\n",
+                          file.strName.c_str(), iOffset, cb, pRead->iOpId, pRead->iBufferKey);
     ZR_OperationReply reply;
     ZR_HostStatus iStatus = m_Driver.Channel().Call(&read, sizeof read, &reply, m_Driver.LibraryTimeoutMs());
     if (iStatus == kHostSuccess && reply.iResult != 0) {

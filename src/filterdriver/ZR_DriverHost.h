@@ -62,7 +62,8 @@ public:
     ZR_HostStatus QuerySize(ZR_HostHandle hFile, uint64_t* piSize);
     // The position the library keeps for the file (operation 5, class 14).
     ZR_HostStatus QueryPosition(ZR_HostHandle hFile, uint64_t* piPosition);
-    // Data files only: pages that grow in hold zeros.
+    // Data files only: pages that grow in hold zeros. A data file never
+    // becomes smaller than the size command 4 gave.
     ZR_HostStatus SetSize(ZR_HostHandle hFile, uint64_t iSize);
     // Tells the library (operation 6); a data file's pages and bitmap reach
     // the disk.
@@ -74,6 +75,12 @@ public:
 
     // The driver stops: every handle ends, without telling the library.
     void CloseAll();
+
+    // Sends one operation as it stands (its head but the message id and
+    // reply length filled in) and waits for the reply: the failure of the
+    // exchange, else the reply's result. What the calls above send, open to
+    // tools and tests that probe the library with operations of their own.
+    ZR_HostStatus Operate(const void* pMessage, size_t cbMessage, ZR_OperationReply* pReply);
 
 private:
     struct OpenFile {
@@ -94,8 +101,6 @@ private:
     ZR_HostHandle Keep(std::shared_ptr<OpenFile> pFile);
     ZR_HostStatus OpenDataFile(const ZR_FileNameEntry& names, ZR_HostHandle* phFile);
     ZR_HostStatus OpenVirtualFile(const wchar_t* wszName, ZR_HostHandle* phFile);
-    // An operation and its reply; the reply's failure becomes the result.
-    ZR_HostStatus Operate(const void* pMessage, size_t cbMessage, ZR_OperationReply* pReply);
     ZR_HostStatus Query(const OpenFile& file, uint32_t iClass, ZR_OperationReply* pReply);
     ZR_HostStatus ViewSize(OpenFile& file, uint64_t* piSize);
     // Operation 3 for bytes [iOffset, iOffset + cb), held until its

@@ -266,7 +266,9 @@ HRESULT ZR_FilterDriver::OnMapReadBuffer(const uint8_t* pIn, DWORD cbIn, void* p
     if (!pIn || cbIn < sizeof(ZR_MapReadBufferMessage) || Word(pIn, 0) != DRIVER_COMMAND_MAP_READ_BUFFER || !pOut ||
         cbOut < sizeof(uint64_t))
         return E_INVALIDARG;
-    uint64_t pAddress = m_Reads.Map(ZR_Load<uint64_t>(pIn + offsetof(ZR_MapReadBufferMessage, iBufferKey)));
+    uint64_t iBufferKey = ZR_Load<uint64_t>(pIn + offsetof(ZR_MapReadBufferMessage, iBufferKey));
+    uint64_t pAddress = m_Reads.Map(iBufferKey);
+    m_Trace.Line("buffer %I64u %hs\n", iBufferKey, pAddress ? "mapped" : "not mapped: no read holds it");
     ZR_Store<uint64_t>(pOut, pAddress);
     *pcbOut = sizeof(uint64_t);
     return pAddress ? S_OK : kNotFound;

@@ -1,6 +1,7 @@
 #include "filterdriver/ZR_HeldReads.h"
 
 #include <chrono>
+#include <cstring>
 #include <new>
 
 namespace {
@@ -13,8 +14,11 @@ constexpr uint64_t kBufferKeyBase = uint64_t(1) << 48;
 
 std::shared_ptr<ZR_HeldRead> ZR_HeldReads::Begin(uint32_t cbBuffer) {
     auto pRead = std::make_shared<ZR_HeldRead>();
-    pRead->pBuffer.reset(new (std::nothrow) uint8_t[cbBuffer ? cbBuffer : 1]());
+    const size_t cbAllocated = cbBuffer ? cbBuffer : 1;
+    pRead->pBuffer.reset(static_cast<uint8_t*>(
+        ::operator new[](cbAllocated, std::align_val_t(kHeldReadAlignment), std::nothrow)));
     if (!pRead->pBuffer) return nullptr;
+    std::memset(pRead->pBuffer.get(), 0, cbAllocated);
     pRead->cbBuffer = cbBuffer;
     std::lock_guard guard(m_cs);
     if (m_bStopped) return nullptr;

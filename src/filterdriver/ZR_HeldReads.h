@@ -16,13 +16,22 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <new>
 
 #include "filterdriver/ZR_HostStatus.h"
+
+// A read's buffer is aligned to a page, as SQL Server's buffers are: the
+// library reads backup pages straight into it, without the system cache,
+// and such reads need an aligned buffer.
+inline constexpr size_t kHeldReadAlignment = 4096;
+struct ZR_AlignedFree {
+    void operator()(uint8_t* p) const { ::operator delete[](p, std::align_val_t(kHeldReadAlignment)); }
+};
 
 struct ZR_HeldRead {
     uint64_t iOpId = 0;
     uint64_t iBufferKey = 0;
-    std::unique_ptr<uint8_t[]> pBuffer;  // zeroed: pages no backup holds come back as zeros
+    std::unique_ptr<uint8_t[], ZR_AlignedFree> pBuffer;  // zeroed: pages no backup holds come back as zeros
     uint32_t cbBuffer = 0;
     // Under the table's lock:
     bool bEnded = false;      // completed, or failed by the driver

@@ -221,6 +221,7 @@ void ZR::Remove(const wchar_t* wszKey) {
     Lock();
     if (ZR_Database* pDB = FindDatabase(wszKey)) {
         g_DBs.Remove(g_DBs.IndexOf(pDB), false);
+        pDB->WaitUnpinned();
         // The live reads still queued are served before the backups close
         // under them; the destructor finds live I/O stopped.
         pDB->StopLiveIORead();
@@ -234,8 +235,15 @@ void ZR::Remove(const wchar_t* wszKey) {
 }
 
 void ZR::UninitializeForExit() {
-    // First, and without the library lock, which a request in service may
-    // be waiting for: no request may reach a database destroyed below.
+    // The mounts' live I/O ends first: the reads still queued are served
+    // and completed on the driver's ports, which the operation service
+    // holds; later reads are refused. Then the service, without the library
+    // lock, which a request in service may be waiting for: no request may
+    // reach a database destroyed below.
+    g_DBs.Lock();
+    for (int i = 0; i < static_cast<int>(g_DBs); ++i)
+        if (ZR_Database* pDB = g_DBs(i)) pDB->StopLiveIORead();
+    g_DBs.Unlock();
     IoOperations::Stop();
     if (g_pZR) g_pZR->Lock();
     for (int i = 0; i < static_cast<int>(g_DBs);) {
@@ -246,10 +254,14 @@ void ZR::UninitializeForExit() {
             continue;
         }
         g_DBs.Remove(i, false);
+        pDB->WaitUnpinned();
         delete pDB;
         i = 0;
     }
+    // The end of the service: a later mount connects to whichever driver
+    // serves the port then.
     if (g_hControlPort != INVALID_HANDLE_VALUE) SendFileNamesDone(8);
+    CloseControlCommunicationPort();
     if (g_pZR) g_pZR->Unlock();
 }
 

@@ -48,8 +48,10 @@ public:
     // Ends the mount of this key if there is one, and drops the recorded
     // errors of the key in any case.
     void Remove(const wchar_t* wszKey);
-    // Ends the operation service, then destroys every database; the library
-    // object stays.
+    // Ends the live I/O of every database (the queued reads served), the
+    // operation service, then destroys every database and closes the
+    // control port; the library object stays, and the next mount connects
+    // to the driver anew.
     static void UninitializeForExit();
     // No library lock of its own: callers that keep the result take it.
     static ZR_Database* FindDatabase(const wchar_t* wszKey);

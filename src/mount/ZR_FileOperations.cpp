@@ -33,7 +33,8 @@ unsigned DriverStatus(unsigned iStatus) {
 unsigned ReadVirtualBackup(void* hFile, void* pBuffer, unsigned iLength, OVERLAPPED* pOverlapped, void* pOpId,
                            void* iBufferKey) {
     int iFile = -1;
-    ZR_Backup* pBackup = g_DBs.FindByBackupFileHandle(hFile, &iFile);
+    ZR_Backup* pBackup = nullptr;
+    ZR_PinnedDatabase pDB = g_DBs.PinByBackupFileHandle(hFile, &pBackup, &iFile);
     if (!pBackup) {
         if (g_iTraceMode) TraceLine("Failed to find virtual backup for hFileId: %p\n", hFile);
         ZR_Error(nullptr, __FILE__, "ZR::ReadFile", __LINE__, "Failed to find virtual backup for hFileId: %p\n",
@@ -52,7 +53,7 @@ unsigned ReadVirtualBackup(void* hFile, void* pBuffer, unsigned iLength, OVERLAP
 unsigned QueueDataFileRead(FILEINFO Info, void* hFile, void* pBuffer, unsigned iLength, unsigned char* pBitmap,
                            OVERLAPPED* pOverlapped, void* pOpId, void* iBufferKey) {
     const auto iFileId = static_cast<uint16_t>(reinterpret_cast<uintptr_t>(hFile));
-    ZR_Database* pDB = g_DBs.FindByMountFileKey(Info.iFileKey, iFileId);
+    ZR_PinnedDatabase pDB = g_DBs.PinByMountFileKey(Info.iFileKey, iFileId);
     if (!pDB) {
         if (g_iTraceMode)
             TraceLine("Failed to find virtual database for iMountFileKey %d FileID: %d\n", Info.iFileKey, iFileId);
@@ -85,7 +86,7 @@ HANDLE ZR::CreateFileW(const wchar_t* wszName) {
 BOOL ZR::AssociateFileW(const wchar_t* wszFileName, const wchar_t* wszVirtualName, DWORD iMountFileKey,
                         FileObjectUniquifier Uniquifier, DWORD& iFileId) {
     std::unique_ptr<ZR_FileInfo> pInfo(ParseFileName(wszVirtualName));
-    ZR_Database* pDB = pInfo ? Mount(pInfo.get()) : nullptr;
+    ZR_PinnedDatabase pDB = g_DBs.PinIfListed(pInfo ? Mount(pInfo.get()) : nullptr);
     if (pDB) {
         iFileId = static_cast<DWORD>(pInfo->m_iFileNumber);
         pDB->AssociateDataFile(static_cast<uint16_t>(iFileId), iMountFileKey, Uniquifier, wszFileName);
@@ -122,7 +123,9 @@ DWORD ZR::GetFilePointer(void* hFile, LONG* plHigh) {
     *plHigh = 0;
     const DWORD iLow = ::SetFilePointer(hFile, 0, plHigh, FILE_CURRENT);
     int iFile = -1;
-    ZR_Backup* pBackup = iLow != INVALID_SET_FILE_POINTER ? g_DBs.FindByBackupFileHandle(hFile, &iFile) : nullptr;
+    ZR_Backup* pBackup = nullptr;
+    ZR_PinnedDatabase pDB =
+        iLow != INVALID_SET_FILE_POINTER ? g_DBs.PinByBackupFileHandle(hFile, &pBackup, &iFile) : ZR_PinnedDatabase();
     if (!pBackup) return iLow;
     const ZR_VirtualBackupFile* pView = pBackup->m_aVirtualFiles(iFile);
     int64_t iPosition = static_cast<int64_t>(static_cast<uint64_t>(static_cast<uint32_t>(*plHigh)) << 32 | iLow);
@@ -134,7 +137,8 @@ DWORD ZR::GetFilePointer(void* hFile, LONG* plHigh) {
 
 bool ZR::VirtualBackupStandardInfo(void* hFile, FILE_STANDARD_INFO* pInfo) {
     int iFile = -1;
-    ZR_Backup* pBackup = g_DBs.FindByBackupFileHandle(hFile, &iFile);
+    ZR_Backup* pBackup = nullptr;
+    ZR_PinnedDatabase pDB = g_DBs.PinByBackupFileHandle(hFile, &pBackup, &iFile);
     const int64_t iSize = pBackup ? pBackup->GetVirtualSize(iFile) : -1;
     if (iSize < 0) {
         SetLastError(ERROR_INVALID_HANDLE);

@@ -13,9 +13,12 @@ std::wstring ErrorText(const wchar_t* wszKey) {
     return text;
 }
 
-std::string ErrorTextNarrow(const wchar_t* wszKey) {
-    std::wstring w = ErrorText(wszKey);
-    return std::string(w.begin(), w.end());
+std::string ErrorTextNarrow(const wchar_t* wszKey) { return Narrow(ErrorText(wszKey)); }
+
+std::string Narrow(const std::wstring& str) {
+    std::string out;
+    for (wchar_t c : str) out += c < 128 ? static_cast<char>(c) : '?';
+    return out;
 }
 
 }  // namespace zrtest

@@ -1,4 +1,4 @@
-// The error chain as tests read it.
+// The error chain as tests read it, and wide texts narrowed for messages.
 #pragma once
 
 #include <string>
@@ -9,7 +9,10 @@ namespace zrtest {
 // empty when there are none.
 std::wstring ErrorText(const wchar_t* wszKey = nullptr);
 
-// The same, narrowed character by character for messages of tests.
+// The same, narrowed for messages of tests.
 std::string ErrorTextNarrow(const wchar_t* wszKey = nullptr);
+
+// A text narrowed character by character, '?' for each beyond ASCII.
+std::string Narrow(const std::wstring& str);
 
 }  // namespace zrtest

@@ -16,8 +16,7 @@ constexpr auto kPatience = std::chrono::seconds(10);
 
 void StopEmbeddedDriver() {
     ZR_FilterDriver::Stop();
-    if (g_hControlPort != INVALID_HANDLE_VALUE) CloseHandle(g_hControlPort);
-    g_hControlPort = INVALID_HANDLE_VALUE;
+    CloseControlCommunicationPort();
 }
 
 FakeDriver::FakeDriver() {

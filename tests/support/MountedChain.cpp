@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cstring>
 #include <cwchar>
-#include <set>
 
 #include "diag/ZR_Error.h"
 #include "maps/X_MapFile.h"
@@ -19,21 +18,15 @@ namespace {
 
 constexpr wchar_t kKey[] = L"mounted-chain";
 
-bool HoldsPages(const NaiveRestore& layer, std::uint16_t fileId, std::uint32_t page) {
-    const std::uint8_t* pFirst = layer.Page(fileId, page & ~std::uint32_t(kPagesPerExtent - 1));
-    return pFirst && ReadPageHeader(pFirst).type != 0;
-}
-
 }  // namespace
 
-MountedChain::MountedChain(const std::vector<fs::path>& full, const std::vector<fs::path>& diff, LiveIO eLiveIO) {
+MountedChain::MountedChain(const std::vector<fs::path>& full, const std::vector<fs::path>& diff, LiveIO eLiveIO)
+    : m_reference(full, diff), m_error(m_reference.Error()) {
     std::wcsncpy(g_wszMapFilesFolder, m_maps.path().wstring().c_str(), MAX_PATH - 1);
     m_pDB = std::make_unique<ZR_Database>(L"/tmp", GUID_NULL);
     m_pDB->SetMountKey(kKey);
     for (const auto* pFiles : {&full, &diff}) {
         if (pFiles->empty()) continue;
-        m_layers.emplace_back();
-        if (!m_layers.back().Apply(*pFiles)) m_error = "naive restore: " + m_layers.back().Error();
         ZR_Backup* pBackup = pFiles == &full ? m_pDB->NewFull() : m_pDB->NewDiff();
         pBackup->SetDataSetNumber(1);
         for (const fs::path& f : *pFiles) pBackup->AddFile(f.wstring().c_str(), nullptr, false);
@@ -53,25 +46,6 @@ MountedChain::~MountedChain() {
     m_pDB.reset();
     g_wszMapFilesFolder[0] = 0;
     ZR_ClearErrors(kKey);
-}
-
-int MountedChain::HoldingBackup(std::uint16_t fileId, std::uint32_t page) const {
-    for (int i = static_cast<int>(m_layers.size()) - 1; i >= 0; --i)
-        if (HoldsPages(m_layers[i], fileId, page)) return i;
-    return -1;
-}
-
-const std::uint8_t* MountedChain::ExpectedPage(std::uint16_t fileId, std::uint32_t page) const {
-    const int i = HoldingBackup(fileId, page);
-    return i < 0 ? nullptr : m_layers[i].Page(fileId, page);
-}
-
-std::vector<std::pair<std::uint16_t, std::uint32_t>> MountedChain::HeldExtents() const {
-    std::set<std::pair<std::uint16_t, std::uint32_t>> held;
-    for (const NaiveRestore& layer : m_layers)
-        for (auto [fileId, firstPage] : layer.Extents())
-            if (HoldsPages(layer, fileId, firstPage)) held.insert({fileId, firstPage});
-    return {held.begin(), held.end()};
 }
 
 PageBuffer::PageBuffer(std::uint32_t iPages)

@@ -1,9 +1,7 @@
 // A database over a full backup and optionally its differential, prepared
 // as a mount prepares it (content, access, backups open) but without the
 // library object or a driver, with its maps in a private folder; beside it
-// the pages it must serve, from the test walker's naive restore of each
-// backup: a page counts from the latest backup whose copy of its extent
-// starts with an allocated page. And reads as the driver asks for them (a
+// the pages it must serve (ChainReference). And reads as the driver asks for them (a
 // range and a bitmap of the pages it has), checked against those pages.
 #pragma once
 
@@ -16,7 +14,7 @@
 #include <vector>
 
 #include "engine/ZR_Database.h"
-#include "support/MtfWalker.h"
+#include "support/ChainReference.h"
 #include "support/PageFormat.h"
 #include "support/TestData.h"
 
@@ -40,15 +38,17 @@ public:
     void Unmount() { m_pDB.reset(); }
 
     // 0 the full backup, 1 the differential, -1 no backup holds the page.
-    int HoldingBackup(std::uint16_t fileId, std::uint32_t page) const;
+    int HoldingBackup(std::uint16_t fileId, std::uint32_t page) const { return m_reference.HoldingBackup(fileId, page); }
     // The page that the mount serves; null when no backup holds it.
-    const std::uint8_t* ExpectedPage(std::uint16_t fileId, std::uint32_t page) const;
+    const std::uint8_t* ExpectedPage(std::uint16_t fileId, std::uint32_t page) const {
+        return m_reference.ExpectedPage(fileId, page);
+    }
     // (file id, first page) of every extent that a backup holds.
-    std::vector<std::pair<std::uint16_t, std::uint32_t>> HeldExtents() const;
+    std::vector<std::pair<std::uint16_t, std::uint32_t>> HeldExtents() const { return m_reference.HeldExtents(); }
 
 private:
     TempDir m_maps;
-    std::vector<NaiveRestore> m_layers;  // full, then differential
+    ChainReference m_reference;
     std::unique_ptr<ZR_Database> m_pDB;
     std::string m_error;
 };

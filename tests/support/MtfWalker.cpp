@@ -468,26 +468,28 @@ bool NaiveRestore::Apply(const std::vector<std::filesystem::path>& stripes, int 
             return false;
         }
         auto source = MtfSource::FromFile(path);
-        for (const auto& run : set->data)
-            if (!ApplyRun(*source, run)) return false;
+        for (const auto& run : set->data) {
+            const bool bRead = ForEachExtent(*source, run, [&](std::uint16_t fileId, std::uint32_t page, const std::uint8_t* p) {
+                m_extents[{fileId, page}].assign(p, p + kExtentSize);
+            }, &m_error);
+            if (!bRead) return false;
+        }
     }
     return true;
 }
 
-// Every whole extent of the run goes where its first page says, unless that
-// page is no page; a dump page ends the useful content of the stream.
-bool NaiveRestore::ApplyRun(const MtfSource& source, const MtfDataRun& run) {
+bool ForEachExtent(const MtfSource& source, const MtfDataRun& run, const ExtentVisitor& visit, std::string* pError) {
     std::vector<std::uint8_t> extent(kExtentSize);
     for (std::uint64_t off = 0; off + kExtentSize <= run.length; off += kExtentSize) {
         if (!source.Read(run.offset + off, extent.data(), extent.size())) {
-            m_error = "cannot read the extent at offset " + std::to_string(run.offset + off);
+            *pError = "cannot read the extent at offset " + std::to_string(run.offset + off);
             return false;
         }
         PageHeaderFields h = ReadPageHeader(extent.data());
         if (h.headerVersion != 1) continue;
         if (h.type >= 100) break;
         if (h.fileId == 0) continue;
-        m_extents[{h.fileId, h.pageNumber}] = extent;
+        visit(h.fileId, h.pageNumber, extent.data());
     }
     return true;
 }

@@ -14,6 +14,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -123,6 +124,14 @@ public:
     static MtfWalk WalkBytes(const std::vector<std::uint8_t>& bytes);
 };
 
+// Every whole 64 KiB extent of a data run as a restore places it: by the
+// file id and page number in its first page header. Extents whose first page
+// is no page (header version other than 1, or file id 0) are passed over; a
+// page of type 100 or above (dump header or trailer) ends the run. False,
+// with *pError, when the source cannot be read.
+using ExtentVisitor = std::function<void(std::uint16_t fileId, std::uint32_t firstPage, const std::uint8_t* extent)>;
+bool ForEachExtent(const MtfSource& source, const MtfDataRun& run, const ExtentVisitor& visit, std::string* pError);
+
 // Page bytes by (file id, page number), built from whole backups.
 class NaiveRestore {
 public:
@@ -139,8 +148,6 @@ public:
     const std::string& Error() const { return m_error; }
 
 private:
-    bool ApplyRun(const MtfSource& source, const MtfDataRun& run);
-
     std::map<std::pair<std::uint16_t, std::uint32_t>, std::vector<std::uint8_t>> m_extents;
     std::string m_error;
 };
