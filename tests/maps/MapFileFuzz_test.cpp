@@ -18,7 +18,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <optional>
 #include <vector>
 
 namespace fs = std::filesystem;
@@ -57,9 +56,7 @@ protected:
     // stream. A read that fails leaves nothing behind; a map that read keeps
     // its file open while it lives, no longer.
     bool ReadOnce(bool bStream) {
-        std::optional<zrtest::StreamPlugOnly> streamOnly;
-        if (bStream)
-            streamOnly.emplace();
+        zrtest::StreamPlugOnly streamOnly(bStream);
         bool bRead = false;
         {
             ZR_CMaps map;

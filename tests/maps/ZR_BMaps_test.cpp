@@ -13,7 +13,6 @@
 
 #include <cstring>
 #include <filesystem>
-#include <optional>
 #include <vector>
 
 namespace fs = std::filesystem;
@@ -110,9 +109,7 @@ protected:
 TEST_F(BackupMapFile, ReadBackThroughTheMappingAndTheStream) {
     WriteMap();
     for (bool bStream : {false, true}) {
-        std::optional<zrtest::StreamPlugOnly> streamOnly;
-        if (bStream)
-            streamOnly.emplace();
+        zrtest::StreamPlugOnly streamOnly(bStream);
         ZR_BMaps map;
         Identify(map);
         ASSERT_TRUE(map.Read());

@@ -16,7 +16,6 @@
 
 #include <cstring>
 #include <filesystem>
-#include <optional>
 #include <tuple>
 #include <vector>
 
@@ -153,9 +152,7 @@ TEST_F(ContentMapFile, WrittenMapIsReadBackUnderItsIdentityNameThroughBothPlugs)
     EXPECT_EQ(fs::path(name).parent_path(), m_tmp / "maps");
     for (bool bStream : {false, true}) {
         SCOPED_TRACE(bStream ? "stream" : "mapping");
-        std::optional<zrtest::StreamPlugOnly> streamOnly;
-        if (bStream)
-            streamOnly.emplace();
+        zrtest::StreamPlugOnly streamOnly(bStream);
         ZR_CMaps map;
         ASSERT_TRUE(ReadBack(map));
         EXPECT_EQ(map.GetMapLocale(), X_MAPLOCALE_CACHED);

@@ -20,7 +20,6 @@
 
 #include <cstring>
 #include <filesystem>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -187,9 +186,7 @@ protected:
 TEST_F(ExtentMapFile, ReadBackThroughTheMappingInPlaceAndThroughTheStream) {
     WriteMap();
     for (bool bStream : {false, true}) {
-        std::optional<zrtest::StreamPlugOnly> streamOnly;
-        if (bStream)
-            streamOnly.emplace();
+        zrtest::StreamPlugOnly streamOnly(bStream);
         ZR_EMaps map;
         Identify(map);
         ASSERT_TRUE(map.Read());
