@@ -1,23 +1,20 @@
 // The map-guided reader. A hand-made content map over a file of known bytes
 // pins every way SeekStripeOffset can end and the relative reads across
-// segments; the real backups then show that a stripe read of a native file
-// gives the file's own bytes wherever the map reaches, and that the data
-// streams it enumerates are those the independent walker finds.
+// segments. (On the real backups the reader is held to the file's bytes by
+// the view tests, which read every view in pieces of any length, and to the
+// walker's data streams by the extent map tests.)
 #include "backup/ZR_Read.h"
 
 #include "backup/ZR_Backup.h"
 #include "diag/ZR_Error.h"
 #include "maps/ZR_CMaps.h"
 #include "support/FileBytes.h"
-#include "support/MtfWalker.h"
 #include "support/TestData.h"
-#include "support/VirtualView.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <filesystem>
-#include <random>
 #include <vector>
 
 namespace fs = std::filesystem;
@@ -165,55 +162,6 @@ TEST_F(HandMadeMap, RelativeReadsCrossSegmentsAndFailPastTheLast) {
     EXPECT_FALSE(r.Read(nullptr, got.data(), 2000, 1)) << "starts behind it";
     EXPECT_FALSE(r.SeekStreamOffset(2000));
     EXPECT_EQ(r.m_iStream, -1);
-}
-
-// Real backups: every stripe read of a native file below the last block
-// equals the file's bytes, whichever stage finds it, and the data streams
-// the reader enumerates are the walker's, in order.
-TEST(ReadRealBackup, StripeReadsGiveTheFileBytesAndDataStreamsAreTheWalkers) {
-    ZR_REQUIRE_TESTDATA();
-    zrtest::TempDir tmp;
-    zrtest::MapFolderScope maps(tmp.path());
-    for (const char* rel : {"appveyor-lab/DoubleDiffing/difftest-full.bak", "xandelima-MVCNorthwind/Northwind.bak"}) {
-        SCOPED_TRACE(rel);
-        const fs::path p = *zrtest::TestDataFile(rel);
-        ZR_Backup b(nullptr);
-        b.SetDataSetNumber(1);
-        b.AddFile(p.wstring().c_str(), nullptr, false);
-        int32_t v = 0;
-        ASSERT_TRUE(b.PrepareContent(&v) && b.Open()) << zrtest::ErrorChainText();
-        const std::vector<uint8_t> bytes = zrtest::ReadFileBytes(p);
-        ZR_CMaps* m = b.m_pCMaps;
-        const uint64_t iLast = m->GetLocation(0, m->GetNumDBLKs(0) - 1).iStripeOfs;
-        std::mt19937_64 rng(7);
-        ZR_Read r(&b, 0);
-        for (int i = 0; i < 300; ++i) {
-            const uint64_t t = rng() % iLast;
-            const uint32_t n = static_cast<uint32_t>(std::min<uint64_t>(1 + rng() % 70000, iLast - t));
-            std::vector<uint8_t> got(n);
-            uint32_t iRead = 0;
-            ASSERT_TRUE(r.Read(got.data(), t, n, &iRead)) << t;
-            ASSERT_EQ(iRead, n);
-            ASSERT_EQ(0, std::memcmp(got.data(), bytes.data() + t, n)) << "at " << t << " for " << n;
-        }
-        const zrtest::MtfWalk walk = zrtest::MtfWalker::WalkBytes(bytes);
-        ASSERT_TRUE(walk.ok) << walk.fault;
-        ZR_ReadAhead* pAhead = ZR_ReadAhead::Alloc();
-        ZR_Read streams(&b, 0);
-        std::vector<zrtest::MtfDataRun> found;
-        while (streams.Read(pAhead, MTF_ID_MSDA, -1))
-            while (const MTF_STREAM_HDR* h = streams.Read(pAhead, MTF_ID_MQDA)) {
-                ASSERT_TRUE(streams.SeekStreamOffset(0));
-                EXPECT_EQ(h->m_length - 2, streams.m_iStreamLength);
-                found.push_back({streams.GetLocation().iStripeOfs, streams.m_iStreamLength, 1});
-            }
-        ZR_ReadAhead::Free(pAhead);
-        ASSERT_EQ(found.size(), walk.DataSet(1)->data.size());
-        for (size_t i = 0; i < found.size(); ++i)
-            EXPECT_TRUE(found[i].offset == walk.DataSet(1)->data[i].offset &&
-                        found[i].length == walk.DataSet(1)->data[i].length) << i;
-        b.Close();
-    }
 }
 
 }  // namespace

@@ -1,3 +1,6 @@
+// The probe: a media set of stripes given in any order, stripes that do not
+// make a set, and a compressed file. (Real stripe sets named in either order
+// are the info, view and end-to-end mount tests'.)
 #include "backup/ZR_ScanProbe.h"
 
 #include <gtest/gtest.h>
@@ -5,7 +8,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <map>
 
 #include "ZR_ScanTestHelpers.h"
 #include "support/SyntheticBackup.h"
@@ -18,19 +20,6 @@ namespace {
 const char* const kStripeDir = "appveyor-lab/sql2008-backups/RestoreTimeStripe/";
 
 fs::path Stripe(const char* szRelative) { return *zrtest::TestDataFile(std::string(kStripeDir) + szRelative); }
-
-// The files of each two-file media set of the test data.
-std::vector<std::vector<fs::path>> StripePairs() {
-    std::map<std::string, std::vector<fs::path>> bySet;
-    for (const zrtest::ManifestEntry& e : zrtest::NativeBackups(0, 99))
-        if (e.stripes == 2)
-            bySet[e.mediaset].push_back(*zrtest::TestDataFile(e.file));
-    std::vector<std::vector<fs::path>> aPairs;
-    for (auto& [set, aFiles] : bySet)
-        if (aFiles.size() == 2)  // a set of which the test data holds both files
-            aPairs.push_back(aFiles);
-    return aPairs;
-}
 
 struct ProbeRun {
     bool bResult = false;
@@ -55,40 +44,6 @@ protected:
 };
 
 }  // namespace
-
-TEST_F(ScanProbeTest, StripesOfOneMediaSetProbeTogetherInEitherOrder) {
-    ZR_REQUIRE_TESTDATA();
-    auto aPairs = StripePairs();
-    ASSERT_GE(aPairs.size(), 7u);
-    for (const auto& pair : aPairs) {
-        uint32_t iFamily = 0;
-        for (bool bReverse : {false, true}) {
-            std::vector<fs::path> aFiles = pair;
-            if (bReverse) std::swap(aFiles[0], aFiles[1]);
-            SCOPED_TRACE(aFiles[0].string() + " + " + aFiles[1].string());
-            ProbeRun run = Probe(aFiles);
-            ASSERT_TRUE(run.bResult) << Narrow(ErrorsText());
-            ZR_Backup& b = *run.pB;
-            EXPECT_EQ(b.m_eBackend, ZR_BACKEND_MTF);
-            EXPECT_EQ(b.m_ProbeIdentity.m_iRequiredFiles, 2);
-            EXPECT_EQ(memcmp(&b.m_ProbeIdentity.m_MediaWriteDate, &b.m_pWriteDates[1], 5), 0);
-            EXPECT_FALSE(MTF_IsNoDate(b.m_ProbeIdentity.m_MediaWriteDate));
-            // Both stripe bits are set, the most significant first.
-            EXPECT_EQ(b.m_aStripeSeen[0], 0xC0);
-            // Stripe order puts the file of sequence number 1 first.
-            std::vector<int> aOrder = ZR_ScanProbe::StripeOrder(&b);
-            EXPECT_EQ(aOrder, (bReverse ? std::vector<int>{1, 0} : std::vector<int>{0, 1}));
-            EXPECT_EQ(MTF_RaidSequence(b.m_pRaids[aOrder[0]]), 1);
-            // The identity is that of the first stripe, whatever the order given.
-            uint32_t iFirstFamily = b.m_pTapes[aOrder[0]].m_media_family_id;  // a packed field: copy it
-            EXPECT_EQ(b.m_ProbeIdentity.m_iMediaFamilyId, iFirstFamily);
-            if (bReverse) {
-                EXPECT_EQ(b.m_ProbeIdentity.m_iMediaFamilyId, iFamily);
-            }
-            iFamily = b.m_ProbeIdentity.m_iMediaFamilyId;
-        }
-    }
-}
 
 // A stripe alone, two stripes of different media sets (they fit together
 // by their RAID streams and differ only in their dates), one stripe under
