@@ -2,8 +2,8 @@
 // real SQL Server backups: each native file walks clean and reads as the
 // manifest that other tools wrote says, stripes carry their place, and a
 // damaged copy is stopped at its first fault. (That the naive restore built
-// on it places pages by their ids is held by the extract tests, whose pages
-// must name themselves and pass their checksums.)
+// on it places pages by their ids is held by the extract and end-to-end mount
+// tests, whose pages must name themselves and pass their checksums.)
 #include "support/FileBytes.h"
 #include "support/Manifest.h"
 #include "support/MtfWalker.h"
