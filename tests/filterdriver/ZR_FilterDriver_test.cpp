@@ -248,17 +248,6 @@ TEST_F(DriverCommandTest, FileNamesAreRefusedWhenTheyDoNotFitAndDroppedByCommand
     EXPECT_EQ(m_pHost->Open(kNameA, &h), kHostNameNotFound);
 }
 
-TEST(HostStatus, ErrnoOfEachFamilyOfResults) {
-    struct Case {
-        uint32_t iStatus;
-        int iErrno;
-    };
-    const Case aCases[] = {{0, 0},    {0xC0000034, ENOENT}, {0xC00000B5, ETIMEDOUT}, {0x80070005, EACCES}, {2, ENOENT},
-                           {23, EIO}, {0xC0000420, EIO},    {0x8007000E, ENOMEM}};
-    for (const Case& c : aCases)
-        EXPECT_EQ(ZR_HostStatusToErrno(static_cast<ZR_HostStatus>(c.iStatus)), c.iErrno) << std::hex << c.iStatus;
-}
-
 TEST(EmbeddedDriverStart, TheLibraryStartsItUnlessADriverServesTheControlPort) {
     FilterPortHandlers other;
     ASSERT_TRUE(FilterRegisterPort(kControlPortName, other));
