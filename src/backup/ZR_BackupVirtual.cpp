@@ -149,10 +149,13 @@ void WidenForAdditive(const ZR_VirtualBackupFile& view, uint64_t r, uint32_t n, 
         const ZR_VirtualChange& c = view.m_pChanges[i];
         if (!c.m_bAdditive)
             continue;
-        const uint64_t iEnd = c.m_iOffset + 8;
-        if (c.m_iOffset < r && iEnd > r)
-            *piLo = std::min(*piLo, c.m_iOffset);
-        if (c.m_iOffset < r + n && iEnd > r + n)
+        // A copy: the change is packed, and min/max would bind a reference
+        // to the misaligned field.
+        const uint64_t iOffset = c.m_iOffset;
+        const uint64_t iEnd = iOffset + 8;
+        if (iOffset < r && iEnd > r)
+            *piLo = std::min(*piLo, iOffset);
+        if (iOffset < r + n && iEnd > r + n)
             *piHi = std::max(*piHi, iEnd);
     }
 }

@@ -128,7 +128,6 @@ TEST_F(BackupFileTest, OpenLearnsSizeAndSectorWithoutSystemCache) {
     ASSERT_TRUE(OpenReal(SMALL_LOG)) << Errors();
     EXPECT_EQ(m_file->GetFileSize(), m_aBytes.size());
     EXPECT_EQ(m_file->GetSectorSize(), ZR_BackupFile::ms_iDefaultSectorSize);
-    EXPECT_EQ(m_file->GetHandleTag(), uint32_t(reinterpret_cast<uintptr_t>(m_file->GetHandle())) + 0x87654321u);
     EXPECT_EQ(g_iOpenAccess, GENERIC_READ);
     EXPECT_EQ(g_iOpenShare, FILE_SHARE_READ | FILE_SHARE_WRITE);
     EXPECT_EQ(g_iOpenFlags, FILE_FLAG_OVERLAPPED | FILE_FLAG_NO_BUFFERING | FILE_ATTRIBUTE_NORMAL);

@@ -200,23 +200,4 @@ TEST_F(TraceRing, DebugTraceTellsWideFromNarrow) {
     EXPECT_EQ(g_iTraceIndex, 3 * kTraceLineSize);
 }
 
-// The flag family reaches the debugger output (stderr here, when
-// ZR_DEBUG_OUTPUT is set) only under a flag that can never be set.
-TEST(TraceFlags, OffForGood) {
-    SetTraceFlags(~uint64_t{0});
-    EXPECT_EQ(GetTraceFlags(), 0u);
-    EXPECT_FALSE(TraceFlagOn(kTraceFlagDebugger));
-    EXPECT_FALSE(TAcquireDumpLock());
-
-    ASSERT_EQ(setenv("ZR_DEBUG_OUTPUT", "1", 1), 0);
-    testing::internal::CaptureStderr();
-    OutputDebugStringA("reached|");
-    TPrintf("narrow %d|", 1);
-    TPrintf(L"wide %d|", 2);
-    TDumpError(ERROR_ACCESS_DENIED);
-    const std::string strOut = testing::internal::GetCapturedStderr();
-    unsetenv("ZR_DEBUG_OUTPUT");
-    EXPECT_EQ(strOut, "reached|") << "the debugger output works, and the family sends nothing to it";
-}
-
 }  // namespace

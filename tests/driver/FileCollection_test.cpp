@@ -11,6 +11,7 @@
 #include "driver/Lookup3.h"
 #include "foundation/Utf16.h"
 #include "mount/ZR.h"
+#include "support/FileKey.h"
 #include "zirlane/zirlane.h"
 
 namespace {
@@ -37,12 +38,7 @@ TEST(Lookup3, GivesThePublishedHashesAtAnyAlignment) {
     }
 }
 
-// The key of a name of plain letters: hashlittle of its UTF-16LE bytes.
-uint32_t KeyOfAscii(const std::string& strName) {
-    std::string strBytes;
-    for (char c : strName) strBytes += {c, '\0'};
-    return hashlittle(strBytes.data(), strBytes.size(), 0);
-}
+using zrtest::KeyOfAscii;
 
 HANDLE Handle(uintptr_t i) { return reinterpret_cast<HANDLE>(i); }
 

@@ -6,7 +6,7 @@
 #include <future>
 #include <thread>
 
-#include "filterdriver/DriverTestBase.h"
+#include "support/DriverTestBase.h"
 #include "foundation/Utf16.h"
 #include "platform/FileCallsTesting.h"
 

@@ -105,18 +105,6 @@ TEST(APTest, EntriesAreOwnedThroughSetInsertRemoveAndClean) {
     EXPECT_EQ(Tracked::ms_iLive, 1) << "the destructor destroys the entries";
 }
 
-TEST(APTest, StringEntriesAreFreedWithFree) {
-    long iFrees = g_iTotalFrees;
-    {
-        AP<wchar_t> ap;
-        ap.Append(_wcsdup(L"C:\\backups\\full_1.bak"));
-        ap.Append(_wcsdup(L"C:\\backups\\full_2.bak"));
-        ap.Set(0, _wcsdup(L"C:\\backups\\full_0.bak"));
-        EXPECT_EQ(g_iTotalFrees - iFrees, 1);
-    }
-    EXPECT_EQ(g_iTotalFrees - iFrees, 4) << "two entries and the pointer block";
-}
-
 TEST(APTest, ConcurrentAppendsAreAllKept) {
     AP<Tracked> ap;
     std::vector<std::thread> threads;
@@ -132,25 +120,6 @@ TEST(APTest, ConcurrentAppendsAreAllKept) {
 }
 
 // ---- A and AA: values, growth, bounds ----------------------------------------
-
-// Growth goes through Realloc with a capacity, which grows by a quarter
-// (tried in the allocation tests): few growths, and none after a removal.
-TEST(ATest, GrowsByAQuarterAndNeverShrinks) {
-    A<uint32_t> a;
-    int iGrowths = 0;
-    for (uint32_t i = 0; i < 1000; i++) {
-        const unsigned cbBefore = a.m_iAlloc;
-        a.Append(i);
-        iGrowths += a.m_iAlloc != cbBefore;
-    }
-    EXPECT_LT(iGrowths, 45);
-    for (uint32_t i = 0; i < 1000; i++) ASSERT_EQ(a(int(i)), i);
-    const unsigned cbFull = a.m_iAlloc;
-    a.Remove(0);
-    EXPECT_EQ(a.m_iAlloc, cbFull);
-    EXPECT_EQ(a(0), 1u);
-    EXPECT_EQ(int(a), 999);
-}
 
 TEST(ATest, SetClearInsertAndSwap) {
     A<int> a;

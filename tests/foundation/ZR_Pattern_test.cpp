@@ -39,18 +39,6 @@ int CompileError(const wchar_t* wszPattern) {
     return pattern.Compile(wszPattern, true);
 }
 
-// The patterns of the virtual file names. (Those of the stop clause and of a
-// drive root are tried through their users' tests.)
-const wchar_t* const kPath = LR"(^{([A-Za-z]:)|(\\\\[^\\/]+(\\|/)[^\\/]+)}(\\|/){([^\\/]+(\\|/))*})";
-const wchar_t* const kScheme = LR"(^{[A-Za-z]+}=)";
-const wchar_t* const kTail = LR"(\!{[0-9]+}{\.[A-Za-z]+}$)";
-const wchar_t* const kBackupsLong = LR"(^{[^!]+}\!{[^!]*}\!{[^!]*}\!{[^!]+}\!{[^!]+})";
-const wchar_t* const kBackupsShort = LR"(^{[^!]+}\!{[^!]+})";
-const wchar_t* const kListItem = LR"(^{[^,]+})";
-const wchar_t* const kDebug = LR"(^{[^!]+}\!{[0-9]+})";
-const wchar_t* const kGuid = LR"(^{\h+-\h+-\h+-\h+-\h+})";
-const wchar_t* const kVdb = LR"(^{[^!]+}\!{[^!]*}\!{[^!]*}\!{[^!]+}\!{LSN=[^!]+})";
-
 // One match: a pattern, a subject, and what comes out, written as the groups
 // joined by '|' (a group that took no part is "<null>"), or "-" for no
 // match. Where the whole match or the rest of the subject matters, they are
@@ -81,39 +69,6 @@ void ExpectMatches(std::initializer_list<MatchCase> aCases) {
 }
 
 }  // namespace
-
-// ---- the library's patterns on realistic names ----------------------------------
-
-TEST(PatternLibraryTest, RealisticNames) {
-    ExpectMatches({
-        // a drive or a share, then the folders, then the name
-        {kPath, LR"(K:\ZirlaneMounts\Sales\Backups=Sales!full!!Sales2009!wk1,wk2!1.bxk)", LR"(K:|ZirlaneMounts\Sales\)",
-         nullptr, L"Backups=Sales!full!!Sales2009!wk1,wk2!1.bxk"},
-        {kPath, LR"(\\sqlnas01\mounts/VDB=Sales!a!b!Sales!LSN=42-100-1!3.mxf)", LR"(\\sqlnas01\mounts|)", nullptr,
-         L"VDB=Sales!a!b!Sales!LSN=42-100-1!3.mxf"},
-        {kPath, L"Backups=Sales!wk1!1.bxk", L"-"},
-        {kPath, LR"(\\onlyserver)", L"-"},
-        {kScheme, L"Backups=Sales!full_1,full_2!1.bxk", L"Backups", nullptr, L"Sales!full_1,full_2!1.bxk"},
-        {kScheme, L"=Sales!1.bxk", L"-"},
-        {kScheme, L"Back ups=x", L"-"},
-        // the first start at a '!' fails at the '$'; the matcher goes on
-        {kTail, L"Sales!full_1,full_2!1.bak!12.bxk", L"12|.bxk", L"!12.bxk", L""},
-        {kTail, L"Sales!full!x.bxk", L"-"},
-        {kTail, L"Sales!3.mdf.tmp1", L"-"},
-        {kBackupsLong, LR"(D:\bak!!2009!Sales!Sales_full_1,Sales_full_2)", LR"(D:\bak||2009|Sales|Sales_full_1,Sales_full_2)"},
-        {kBackupsLong, L"Sales!Sales_full_1,Sales_full_2", L"-"},
-        {kBackupsShort, L"Sales!Sales_full_1,Sales_full_2", L"Sales|Sales_full_1,Sales_full_2"},
-        {kListItem, L"Sales_full_1,Sales_full_2", L"Sales_full_1", nullptr, L",Sales_full_2"},
-        {kListItem, L",x", L"-"},
-        {kDebug, L"Sales!17", L"Sales|17"},
-        {kDebug, L"Sales!x17", L"-"},
-        {kGuid, L"6f9619ff-8B86-D011-b42d-00C04FC964FF", L"6f9619ff-8B86-D011-b42d-00C04FC964FF"},
-        {kGuid, L"6f9619ff-8b86-d011-b42d", L"-"},
-        {kGuid, L"6f9619fg-8b86-d011-b42d-00c04fc964ff", L"-"},
-        {kVdb, L"Sales!primary!!Sales2009!LSN=40-1872-1", L"Sales|primary||Sales2009|LSN=40-1872-1"},
-        {kVdb, L"Sales!primary!!Sales2009!40-1872-1", L"-"},
-    });
-}
 
 // ---- the language ---------------------------------------------------------------
 

@@ -16,7 +16,6 @@
 
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <random>
 #include <vector>
@@ -25,25 +24,15 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::vector<char> ReadFile(const fs::path& p) {
-    std::ifstream in(p, std::ios::binary);
-    return std::vector<char>((std::istreambuf_iterator<char>(in)), {});
-}
-
-void WriteFile(const fs::path& p, const std::vector<char>& bytes) {
-    std::ofstream out(p, std::ios::binary | std::ios::trunc);
-    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-}
-
 // A few bytes changed, half of them among the blocks and configuration at
 // the head of the file, where a change reaches the most code.
-std::vector<char> Damaged(const std::vector<char>& good, std::mt19937& rng) {
-    std::vector<char> bytes = good;
+std::vector<uint8_t> Damaged(const std::vector<uint8_t>& good, std::mt19937& rng) {
+    std::vector<uint8_t> bytes = good;
     size_t iHead = std::min<size_t>(bytes.size(), 128 * 1024);
     int iChanges = 1 + static_cast<int>(rng() % 8);
     for (int i = 0; i < iChanges; ++i) {
         size_t at = (i % 2 ? rng() % bytes.size() : rng() % iHead);
-        bytes[at] = static_cast<char>(rng());
+        bytes[at] = static_cast<uint8_t>(rng());
     }
     return bytes;
 }
@@ -66,14 +55,14 @@ void ReadSomePages(ZR_Backup& backup) {
 
 TEST(DamagedBackup, EveryStepAnswersOrRefusesCleanly) {
     ZR_REQUIRE_TESTDATA();
-    const std::vector<char> good = ReadFile(*zrtest::TestDataFile("appveyor-lab/DoubleDiffing/difftest-full.bak"));
+    const std::vector<uint8_t> good = zrtest::ReadFileBytes(*zrtest::TestDataFile("appveyor-lab/DoubleDiffing/difftest-full.bak"));
     zrtest::TempDir tmp;
     std::mt19937 rng(20261122);
     int iPrepared = 0, iRefused = 0;
     for (int iIteration = 0; iIteration < 200; ++iIteration) {
         SCOPED_TRACE("iteration " + std::to_string(iIteration));
         fs::path file = tmp / ("damaged" + std::to_string(iIteration) + ".bak");
-        WriteFile(file, Damaged(good, rng));
+        zrtest::WriteFileBytes(file, Damaged(good, rng));
         // A folder of its own: a map of the undamaged backup (same identity)
         // must not stand in for the damaged one.
         zrtest::MapFolderScope maps(tmp / ("maps" + std::to_string(iIteration)));
@@ -109,8 +98,7 @@ void ChangeFile(const fs::path& backup, const char* szWhich, const std::function
             p = e.path();
     std::vector<uint8_t> bytes = zrtest::ReadFileBytes(p);
     change(bytes);
-    std::ofstream(p, std::ios::binary | std::ios::trunc)
-        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    zrtest::WriteFileBytes(p, bytes);
 }
 
 // Damage that once read past a buffer, overflowed a sum, or failed without

@@ -5,6 +5,7 @@
 
 #include "diag/ZR_Error.h"
 #include "platform/FileCallsTesting.h"
+#include "support/FileBytes.h"
 #include "support/StreamPlugOnly.h"
 #include "support/TestData.h"
 
@@ -12,7 +13,6 @@
 
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <vector>
 
 namespace fs = std::filesystem;
@@ -108,35 +108,22 @@ protected:
 
 TEST_F(BackupMapFile, ReadBackThroughTheMappingAndTheStream) {
     WriteMap();
-    ZR_BMaps mapped;
-    Identify(mapped);
-    ASSERT_TRUE(mapped.Read());
-    EXPECT_EQ(mapped.GetMapPlug(), X_MAPPLUG_MMF);
-    ExpectFilled(mapped);
-
-    zrtest::StreamPlugOnly streamOnly;
-    ZR_BMaps streamed;
-    Identify(streamed);
-    ASSERT_TRUE(streamed.Read());
-    EXPECT_EQ(streamed.GetMapPlug(), X_MAPPLUG_STDIO);
-    ExpectFilled(streamed);
+    for (bool bStream : {false, true}) {
+        zrtest::StreamPlugOnly streamOnly(bStream);
+        ZR_BMaps map;
+        Identify(map);
+        ASSERT_TRUE(map.Read());
+        EXPECT_EQ(map.GetMapPlug(), bStream ? X_MAPPLUG_STDIO : X_MAPPLUG_MMF);
+        ExpectFilled(map);
+    }
 }
 
 TEST_F(BackupMapFile, DamagedFilesArePassedOver) {
-    fs::path name = WriteMap();
-    std::vector<char> good;
-    {
-        std::ifstream in(name, std::ios::binary);
-        good.assign(std::istreambuf_iterator<char>(in), {});
-    }
-    auto rewrite = [&](const std::vector<char>& bytes, size_t len) {
-        std::ofstream out(name, std::ios::binary | std::ios::trunc);
-        out.write(bytes.data(), static_cast<std::streamsize>(len));
-    };
+    const fs::path name = WriteMap();
+    const std::vector<uint8_t> good = zrtest::ReadFileBytes(name);
     auto damaged = [&](size_t at, uint32_t value, const char* what) {
-        std::vector<char> bytes = good;
-        std::memcpy(&bytes[at], &value, 4);
-        rewrite(bytes, bytes.size());
+        zrtest::WriteFileBytes(name, good);
+        zrtest::PatchFile(name, at, &value, 4);
         EXPECT_FALSE(ReadsBack()) << what;
     };
     damaged(0, 0x464D4258, "bad magic");
@@ -150,10 +137,10 @@ TEST_F(BackupMapFile, DamagedFilesArePassedOver) {
     // Cut at every length through the slot tables and the GAM counts, then
     // in steps through the records.
     for (size_t len = 0; len < good.size(); len += (len < 130 ? 1 : 3001)) {
-        rewrite(good, len);
+        zrtest::WriteFileBytes(name, good, len);
         EXPECT_FALSE(ReadsBack()) << "cut at " << len;
     }
-    rewrite(good, good.size());
+    zrtest::WriteFileBytes(name, good);
     EXPECT_TRUE(ReadsBack());
     ZR_ClearErrors(nullptr);
 }

@@ -7,6 +7,8 @@
 #include "diag/ZR_Error.h"
 #include "platform/FileCallsTesting.h"
 #include "platform/PathNames.h"
+#include "support/ErrorText.h"
+#include "support/FileBytes.h"
 #include "support/StreamPlugOnly.h"
 #include "support/TestData.h"
 
@@ -14,7 +16,6 @@
 
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <tuple>
 #include <vector>
 
@@ -144,48 +145,37 @@ void ExpectSameContent(ZR_CMaps& map) {
     EXPECT_EQ(uint32_t{map.m_ConfigMSLS.m_Files(1)->m_hdr.m_size}, 402u + 50);
 }
 
-TEST_F(ContentMapFile, WrittenMapIsReadBackThroughTheMappingUnderItsIdentityName) {
+TEST_F(ContentMapFile, WrittenMapIsReadBackUnderItsIdentityNameThroughBothPlugs) {
     std::wstring name = WriteMap();
     // The name follows from the identity alone: both dates and the family.
     EXPECT_EQ(fs::path(name).filename().string(), "1031-04-21 03_29_04 2059-04-29 04_29_20 0x1234ABCD.xcm");
     EXPECT_EQ(fs::path(name).parent_path(), m_tmp / "maps");
-
-    ZR_CMaps map;
-    ASSERT_TRUE(ReadBack(map));
-    EXPECT_EQ(map.GetMapLocale(), X_MAPLOCALE_CACHED);
-    EXPECT_EQ(map.GetMapPlug(), X_MAPPLUG_MMF);
-    ExpectSameContent(map);
-    EXPECT_TRUE(map.m_ConfigMSCI.m_bMapped) << "records stay in the view";
-    EXPECT_EQ(std::wstring(map.GetPrimaryName()), m_backup);
+    for (bool bStream : {false, true}) {
+        SCOPED_TRACE(bStream ? "stream" : "mapping");
+        zrtest::StreamPlugOnly streamOnly(bStream);
+        ZR_CMaps map;
+        ASSERT_TRUE(ReadBack(map));
+        EXPECT_EQ(map.GetMapLocale(), X_MAPLOCALE_CACHED);
+        EXPECT_EQ(map.GetMapPlug(), bStream ? X_MAPPLUG_STDIO : X_MAPPLUG_MMF);
+        ExpectSameContent(map);
+        EXPECT_EQ(map.m_ConfigMSCI.m_bMapped, !bStream) << "records stay in the view";
+        EXPECT_EQ(std::wstring(map.GetPrimaryName()), m_backup);
+    }
 }
 
-TEST_F(ContentMapFile, StreamPlugReadsTheSameWhenTheMappingCannotOpen) {
-    WriteMap();
-    zrtest::StreamPlugOnly streamOnly;
-    ZR_CMaps map;
-    ASSERT_TRUE(ReadBack(map));
-    EXPECT_EQ(map.GetMapPlug(), X_MAPPLUG_STDIO);
-    ExpectSameContent(map);
-    EXPECT_FALSE(map.m_ConfigMSCI.m_bMapped);
-}
-
-TEST_F(ContentMapFile, AnotherIdentityOrDataSetFindsNoMap) {
-    WriteMap(1);
-    ZR_CMaps otherFamily, otherSet;
+// Another family or data set finds no map; data set 0 is written as 1.
+// Backend 3 is a native backup to every map: a file that says 3 is read by
+// a native object and a native file by an object that says 3; a compressed
+// backup's word is another backup.
+TEST_F(ContentMapFile, OnlyTheIdentityOfTheBackupReadsItsMap) {
+    const fs::path name = WriteMap(0);
+    ZR_CMaps otherFamily, otherSet, setOne;
     EXPECT_FALSE(ReadBack(otherFamily, 1, 0x1234ABCE));
     EXPECT_FALSE(ReadBack(otherSet, 2));
     EXPECT_EQ(otherSet.GetNumFiles(), 0);
-}
-
-// Backend 3 is a native backup to every map: a file that says 3 is read by a
-// native object and a native file by an object that says 3; a compressed
-// backup's word is another backup.
-TEST_F(ContentMapFile, BackendThreeReadsAsANativeBackup) {
-    const fs::path name = WriteMap();
+    EXPECT_TRUE(ReadBack(setOne, 1));
     for (auto [iInFile, iObject, bRead] : {std::tuple{3, 1, true}, {1, 3, true}, {2, 1, false}}) {
-        std::fstream(name, std::ios::binary | std::ios::in | std::ios::out)
-            .seekp(8)  // behind the magic and the version
-            .write(reinterpret_cast<const char*>(&iInFile), 4);
+        zrtest::PatchFile(name, 8, &iInFile, 4);  // behind the magic and the version
         ZR_CMaps map;
         SetIdentity(map);
         map.SetBackend(static_cast<ZR_Backend_e>(iObject));
@@ -194,13 +184,7 @@ TEST_F(ContentMapFile, BackendThreeReadsAsANativeBackup) {
     }
 }
 
-TEST_F(ContentMapFile, DataSetZeroIsWrittenAsOne) {
-    WriteMap(0);
-    ZR_CMaps map;
-    EXPECT_TRUE(ReadBack(map, 1));
-}
-
-TEST_F(ContentMapFile, UnwritableFolderFallsBackToSatelliteBesideTheBackup) {
+TEST_F(ContentMapFile, AnUnwritableFolderFallsBackToASatelliteBesideTheBackupAndThenFails) {
     SetFolder(m_tmp / "no" / "such" / "folder");
     std::wstring name = WriteMap();
     EXPECT_EQ(fs::path(name), fs::path(m_backup + L".1.xcm"));
@@ -208,71 +192,45 @@ TEST_F(ContentMapFile, UnwritableFolderFallsBackToSatelliteBesideTheBackup) {
     ASSERT_TRUE(ReadBack(map));
     EXPECT_EQ(map.GetMapLocale(), X_MAPLOCALE_SATELLITE);
     ExpectSameContent(map);
-    wchar_t* errors = ZR_ReadErrors(nullptr);
-    ASSERT_NE(errors, nullptr);
-    EXPECT_NE(std::wstring(errors).find(L"Failed to open ContentMap"), std::wstring::npos);
-    free(errors);
-    ZR_ClearErrors(nullptr);
-}
-
-TEST_F(ContentMapFile, NeitherPlaceWritableFails) {
-    SetFolder(m_tmp / "no" / "such" / "folder");
+    EXPECT_NE(zrtest::ErrorText().find(L"Failed to open ContentMap"), std::wstring::npos);
     m_backup = (m_tmp / "missing" / "backup.bak").wstring();
-    ZR_CMaps map;
-    SetIdentity(map);
-    map.SetBackupName(m_backup.c_str());
-    Fill(map);
-    EXPECT_FALSE(map.Write());
+    ZR_CMaps nowhere;
+    SetIdentity(nowhere);
+    nowhere.SetBackupName(m_backup.c_str());
+    Fill(nowhere);
+    EXPECT_FALSE(nowhere.Write());
     ZR_ClearErrors(nullptr);
 }
 
 // Every damage leaves Read() false, with no crash, and the file untouched.
+// (Cuts at every length are the fuzz test's.)
 TEST_F(ContentMapFile, DamagedFilesArePassedOver) {
-    std::wstring name = WriteMap();
-    std::vector<char> good;
-    {
-        std::ifstream in(fs::path(name), std::ios::binary);
-        good.assign(std::istreambuf_iterator<char>(in), {});
-    }
-    auto rewrite = [&](const std::vector<char>& bytes) {
-        std::ofstream out(fs::path(name), std::ios::binary | std::ios::trunc);
-        out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    const fs::path name = WriteMap();
+    const std::vector<uint8_t> good = zrtest::ReadFileBytes(name);
+    // The segment count of the last data stream, behind the end word and the
+    // empty stream and the segments of the last data stream.
+    const size_t iSegments = good.size() - 4 - (4 + 29 + 8 + 4) - 29 * 3 - 4;
+    uint32_t was = 0;
+    std::memcpy(&was, &good[iSegments], 4);
+    ASSERT_EQ(was, 3u);
+    const struct {
+        size_t iAt;
+        uint32_t iValue;
+        const char* szWhat;
+    } cases[] = {
+        {0, 0x464D4358, "bad magic"},
+        {4, 4, "a version newer than this library writes"},
+        {iSegments, 100000, "a segment count beyond the file"},
+        {iSegments, 0x7FFFFFF0, "a segment count far beyond the file"},  // refused before anything is allocated
     };
-    auto readFails = [&](const char* what) {
+    for (const auto& c : cases) {
+        zrtest::WriteFileBytes(name, good);
+        zrtest::PatchFile(name, c.iAt, &c.iValue, c.iAt == 4 ? 1 : 4);
         ZR_CMaps map;
-        EXPECT_FALSE(ReadBack(map)) << what;
-        EXPECT_EQ(map.GetNumFiles(), 0) << what;
-    };
-
-    std::vector<char> bytes = good;
-    bytes[0] = 'X';
-    rewrite(bytes);
-    readFails("bad magic");
-
-    bytes = good;
-    bytes[4] = 4;  // version 4 is newer than this library writes
-    rewrite(bytes);
-    readFails("newer version");
-
-    // Cut at every length up to the block table, then in coarser steps.
-    for (size_t len = 0; len < good.size(); len += (len < 2000 ? 13 : 97)) {
-        rewrite(std::vector<char>(good.begin(), good.begin() + static_cast<long>(len)));
-        readFails("truncated");
+        EXPECT_FALSE(ReadBack(map)) << c.szWhat;
+        EXPECT_EQ(map.GetNumFiles(), 0) << c.szWhat;
     }
-
-    // Segment counts of the last data stream far beyond the file's size:
-    // refused before anything is allocated for them.
-    for (uint32_t count : {100000u, 0x7FFFFFF0u}) {
-        bytes = good;
-        size_t at = bytes.size() - 4 - (4 + 29 + 8 + 4) - 29 * 3 - 4;
-        uint32_t was;
-        std::memcpy(&was, &bytes[at], 4);
-        ASSERT_EQ(was, 3u) << "the segment count of the last data stream";
-        std::memcpy(&bytes[at], &count, 4);
-        rewrite(bytes);
-        readFails("count beyond the file");
-    }
-    rewrite(good);
+    zrtest::WriteFileBytes(name, good);
     ZR_CMaps map;
     EXPECT_TRUE(ReadBack(map));
     ZR_ClearErrors(nullptr);
@@ -297,28 +255,6 @@ TEST(ContentMapConfig, BrokenStreamsAreRefused) {
     std::memset(&ended[384 + 4], 0, 4);
     EXPECT_TRUE(map.ParseConfig(map.m_ConfigMSCI, ended.data(), static_cast<uint32_t>(ended.size())));
     EXPECT_EQ(static_cast<int>(map.m_ConfigMSCI.m_FileGroups), 0);
-}
-
-TEST(ContentMapConfig, RealConfigurationStreamParses) {
-    ZR_REQUIRE_TESTDATA();
-    auto path = zrtest::TestDataFile("appveyor-lab/RestoreTimeClean/RestoreTimeClean.bak");
-    ASSERT_TRUE(path);
-    std::ifstream in(*path, std::ios::binary);
-    std::vector<char> head(1 << 20);
-    in.read(head.data(), static_cast<std::streamsize>(head.size()));
-    head.resize(static_cast<size_t>(in.gcount()));
-    // The MQCI stream of the MSCI block: its header, then its data.
-    auto it = std::search(head.begin(), head.end(), std::begin("MQCI"), std::end("MQCI") - 1);
-    ASSERT_NE(it, head.end());
-    MTF_STREAM_HDR hdr;
-    std::memcpy(&hdr, &*it, sizeof hdr);
-    size_t at = static_cast<size_t>(it - head.begin()) + sizeof hdr;
-    ASSERT_LE(at + hdr.m_length, head.size());
-    ZR_CMaps map;
-    ASSERT_TRUE(map.ParseConfig(map.m_ConfigMSCI, &head[at], static_cast<uint32_t>(hdr.m_length)));
-    EXPECT_EQ(map.m_ConfigMSCI.m_pConfig->m_backup_type, 'D');
-    EXPECT_EQ(map.m_ConfigMSCI.m_pConfig->m_server_version >> 24, 10u);
-    EXPECT_GE(static_cast<int>(map.m_ConfigMSCI.m_Files), 2) << "a data file and a log file";
 }
 
 }  // namespace

@@ -8,10 +8,9 @@
 #include "diag/Trace.h"
 #include "diag/ZR_Error.h"
 #include "foundation/Alloc.h"
-#include "maps/ZR_BMaps.h"
 #include "maps/ZR_CMaps.h"
-#include "maps/ZR_MapPool.h"
 #include "platform/FileCallsTesting.h"
+#include "support/FileBytes.h"
 #include "support/Resources.h"
 #include "support/StreamPlugOnly.h"
 #include "support/TestData.h"
@@ -21,7 +20,6 @@
 
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -147,6 +145,9 @@ protected:
         map.SetBackupName((m_tmp / "full.bak").wstring().c_str());
     }
 
+    // The one file of the map folder.
+    fs::path MapFile() const { return fs::directory_iterator(m_tmp / "maps")->path(); }
+
     fs::path WriteMap(bool bIncremental = false) {
         ZR_EMaps map;
         Identify(map);
@@ -155,12 +156,9 @@ protected:
         map.Set(3, 1, 63, 0x20000, 0x30000);
         map.SetIsIncremental(bIncremental);
         EXPECT_TRUE(map.Write());
-        fs::path name;
-        for (auto& entry : fs::directory_iterator(m_tmp / "maps"))
-            name = entry.path();
         // Header, then rows of 0, 5, 0 and 2 entries.
-        EXPECT_EQ(fs::file_size(name), 24u + (4) + (4 + 8 * 5) + (4) + (4 + 8 * 2));
-        return name;
+        EXPECT_EQ(fs::file_size(MapFile()), 24u + (4) + (4 + 8 * 5) + (4) + (4 + 8 * 2));
+        return MapFile();
     }
 
     static void ExpectWritten(ZR_EMaps& map) {
@@ -174,14 +172,6 @@ protected:
         EXPECT_EQ(e.GetRelative(), 3u);
     }
 
-    static std::vector<char> Bytes(const fs::path& p) {
-        std::ifstream in(p, std::ios::binary);
-        return std::vector<char>(std::istreambuf_iterator<char>(in), {});
-    }
-    static void Rewrite(const fs::path& p, const std::vector<char>& bytes, size_t len) {
-        std::ofstream out(p, std::ios::binary | std::ios::trunc);
-        out.write(bytes.data(), static_cast<std::streamsize>(len));
-    }
     bool ReadsBack(ZR_Backend_e eBackend = ZR_BACKEND_MTF) {
         ZR_EMaps map;
         Identify(map, eBackend);
@@ -195,19 +185,15 @@ protected:
 
 TEST_F(ExtentMapFile, ReadBackThroughTheMappingInPlaceAndThroughTheStream) {
     WriteMap();
-    ZR_EMaps mapped;
-    Identify(mapped);
-    ASSERT_TRUE(mapped.Read());
-    EXPECT_EQ(mapped.GetMapPlug(), X_MAPPLUG_MMF);
-    EXPECT_TRUE(mapped.m_bMapped) << "the rows stay in the view";
-    ExpectWritten(mapped);
-
-    zrtest::StreamPlugOnly streamOnly;
-    ZR_EMaps streamed;
-    Identify(streamed);
-    ASSERT_TRUE(streamed.Read());
-    EXPECT_EQ(streamed.GetMapPlug(), X_MAPPLUG_STDIO);
-    ExpectWritten(streamed);
+    for (bool bStream : {false, true}) {
+        zrtest::StreamPlugOnly streamOnly(bStream);
+        ZR_EMaps map;
+        Identify(map);
+        ASSERT_TRUE(map.Read());
+        EXPECT_EQ(map.GetMapPlug(), bStream ? X_MAPPLUG_STDIO : X_MAPPLUG_MMF);
+        EXPECT_EQ(map.m_bMapped, !bStream) << "the rows stay in the view";
+        ExpectWritten(map);
+    }
 }
 
 // A map costs what the backup holds, not what the configuration says of its
@@ -229,11 +215,8 @@ TEST_F(ExtentMapFile, RowsRunToTheLastExtentHeldAndLongGapsAreHoles) {
     map.Set(3, 2, 1, 0x40000, 0);
     EXPECT_EQ(map.Fetch(Page(3, 16)).GetDevice(), 1) << "the later entry of an extent stands";
     ASSERT_TRUE(map.Write());
-    fs::path name;
-    for (auto& entry : fs::directory_iterator(m_tmp / "maps"))
-        name = entry.path();
-    EXPECT_EQ(fs::file_size(name), 24u + 6 * 4 + 8u * (kFar + 1)) << "rows 0 to 5; only row 3 holds entries";
-    EXPECT_LT(zrtest::AllocatedBytes(name), 1u << 20) << "the gap takes no disk";
+    EXPECT_EQ(fs::file_size(MapFile()), 24u + 6 * 4 + 8u * (kFar + 1)) << "rows 0 to 5; only row 3 holds entries";
+    EXPECT_LT(zrtest::AllocatedBytes(MapFile()), 1u << 20) << "the gap takes no disk";
 
     ZR_EMaps again;
     Identify(again);
@@ -293,14 +276,14 @@ TEST_F(ExtentMapFile, IncrementalMapLoadsOnlyInAnUpdateViewWhereSetsReachTheFile
 
 TEST_F(ExtentMapFile, VersionOneHasNoBackendAndNoFlag) {
     fs::path name = WriteMap(true);
-    std::vector<char> good = Bytes(name);
+    std::vector<uint8_t> good = zrtest::ReadFileBytes(name);
     // Version 1: the row count follows the preamble.
-    std::vector<char> v1(good.begin(), good.begin() + 12);
+    std::vector<uint8_t> v1(good.begin(), good.begin() + 12);
     v1.insert(v1.end(), good.begin() + 20, good.end());
     uint32_t size = static_cast<uint32_t>(v1.size()), version = 1;
     std::memcpy(&v1[4], &size, 4);
     std::memcpy(&v1[8], &version, 4);
-    Rewrite(name, v1, v1.size());
+    zrtest::WriteFileBytes(name, v1);
     ZR_EMaps map;
     Identify(map);
     ASSERT_TRUE(map.Read());
@@ -310,11 +293,10 @@ TEST_F(ExtentMapFile, VersionOneHasNoBackendAndNoFlag) {
 
 TEST_F(ExtentMapFile, DamagedFilesArePassedOver) {
     fs::path name = WriteMap();
-    std::vector<char> good = Bytes(name);
+    const std::vector<uint8_t> good = zrtest::ReadFileBytes(name);
     auto damaged = [&](size_t at, uint32_t value, const char* what) {
-        std::vector<char> bytes = good;
-        std::memcpy(&bytes[at], &value, 4);
-        Rewrite(name, bytes, bytes.size());
+        zrtest::WriteFileBytes(name, good);
+        zrtest::PatchFile(name, at, &value, 4);
         EXPECT_FALSE(ReadsBack()) << what;
     };
     EXPECT_FALSE(ReadsBack(static_cast<ZR_Backend_e>(0))) << "another backend";
@@ -332,31 +314,12 @@ TEST_F(ExtentMapFile, DamagedFilesArePassedOver) {
     damaged(20, 0x10000000, "row count far beyond the file");
     EXPECT_EQ(g_iTotalAllocs, iAllocs);
     for (size_t len = 0; len < good.size(); ++len) {
-        Rewrite(name, good, len);
+        zrtest::WriteFileBytes(name, good, len);
         EXPECT_FALSE(ReadsBack()) << "cut at " << len;
     }
-    Rewrite(name, good, good.size());
+    zrtest::WriteFileBytes(name, good);
     EXPECT_TRUE(ReadsBack());
     ZR_ClearErrors(nullptr);
-}
-
-TEST(ExtentMapPool, TypesTwoAndThreeAreOwnEntriesBesideTheContentMap) {
-    MTF_DATE_TIME d = Date(0x33);
-    X_MapFile* pContent = g_MapPool.RetrieveOrCreate(1, 77, d, d);
-    X_MapFile* pExtent = g_MapPool.RetrieveOrCreate(2, 77, d, d);
-    X_MapFile* pBackup = g_MapPool.RetrieveOrCreate(3, 77, d, d);
-    ASSERT_NE(pContent, nullptr);
-    EXPECT_NE(dynamic_cast<ZR_EMaps*>(pExtent), nullptr);
-    EXPECT_NE(dynamic_cast<ZR_BMaps*>(pBackup), nullptr);
-    EXPECT_NE(pExtent, pContent);
-    EXPECT_EQ(pExtent->GetMediaFamilyId(), 77u);
-    for (X_MapFile* p : {pContent, pExtent, pBackup})
-        g_MapPool.SetCreateSuccess(p);
-    EXPECT_EQ(g_MapPool.RetrieveOrCreate(2, 77, d, d), pExtent);
-    g_MapPool.Release(pExtent);
-    for (X_MapFile* p : {pContent, pExtent, pBackup})
-        g_MapPool.Release(p);
-    EXPECT_EQ(g_MapPool.Retrieve(2, 77, d, d), nullptr);
 }
 
 }  // namespace

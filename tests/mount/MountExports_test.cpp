@@ -1,3 +1,6 @@
+// The request as the exports build it: which record each file goes to, what
+// a setter keeps, and what is refused. (The stop clause is the stop clause
+// tests', the GUID the mount tests'.)
 #include <gtest/gtest.h>
 
 #include <string>
@@ -15,15 +18,6 @@ protected:
 };
 
 std::wstring Text(const wchar_t* wsz) { return wsz ? wsz : L"(null)"; }
-
-TEST_F(MountRequest, TargetInstanceKeepsWhatFollowsTheFirstBackslash) {
-    SetTargetInstance(m_pInfo, L"SERVER\\INST");
-    EXPECT_EQ(Text(m_pInfo->GetTargetInstance()), L"INST");
-    SetTargetInstance(m_pInfo, L"SERVER");
-    EXPECT_EQ(Text(m_pInfo->GetTargetInstance()), L"SERVER");
-    SetTargetInstance(m_pInfo, L"A\\B\\C");
-    EXPECT_EQ(Text(m_pInfo->GetTargetInstance()), L"B\\C");
-}
 
 TEST_F(MountRequest, FilesGoToTheRecordOfTheirTypeName) {
     ASSERT_TRUE(BuildBackupInfoFromSet(m_pInfo, 1, 3, nullptr, nullptr));
@@ -59,44 +53,42 @@ TEST_F(MountRequest, FilesGoToTheRecordOfTheirTypeName) {
     EXPECT_EQ(m_pInfo->GetLog(1)->m_eType, ZR_BACKUP_LOG);
 }
 
-TEST_F(MountRequest, FullAndDifferentialExistOnceAndOtherTypesAreRefused) {
+// Full and differential exist once; other types are refused. The plain
+// password key wins over the encrypted one.
+TEST_F(MountRequest, RecordsAreMadeOnceOfTheTypesThereAreWithTheirKeys) {
     EXPECT_FALSE(GetDiff(m_pInfo));
-    EXPECT_TRUE(BuildBackupInfoFromSet(m_pInfo, 1, 1, nullptr, nullptr));
+    EXPECT_TRUE(BuildBackupInfoFromSet(m_pInfo, 1, 1, L"plain", L"secret"));
     EXPECT_FALSE(BuildBackupInfoFromSet(m_pInfo, 1, 7, nullptr, nullptr));
     EXPECT_EQ(m_pInfo->GetFull()->m_iDataSet, 1);
-    EXPECT_TRUE(BuildBackupInfoFromSet(m_pInfo, 2, 1, nullptr, nullptr));
+    EXPECT_TRUE(BuildBackupInfoFromSet(m_pInfo, 2, 1, nullptr, L"secret"));
     EXPECT_FALSE(BuildBackupInfoFromSet(m_pInfo, 2, 1, nullptr, nullptr));
     EXPECT_FALSE(BuildBackupInfoFromSet(m_pInfo, 0, 1, nullptr, nullptr));
     EXPECT_FALSE(BuildBackupInfoFromSet(m_pInfo, 4, 1, nullptr, nullptr));
     EXPECT_EQ(GetNumberOfLogs(m_pInfo), 0);
-
     ZR_BackupInfo* pFull = m_pInfo->GetFull();
     EXPECT_EQ(m_pInfo->NewFull(5), nullptr);
     EXPECT_EQ(m_pInfo->GetFull(), pFull);
     EXPECT_EQ(m_pInfo->NewDiff(5), nullptr);
-}
 
-TEST_F(MountRequest, ThePlainPasswordKeyWinsOverTheEncryptedOne) {
-    ASSERT_TRUE(BuildBackupInfoFromSet(m_pInfo, 1, 1, L"plain", L"secret"));
-    EXPECT_EQ(Text(m_pInfo->GetFull()->m_wszPasswordKey), L"plain");
-    EXPECT_FALSE(m_pInfo->GetFull()->m_bPasswordKeyEncrypted);
-    ASSERT_TRUE(BuildBackupInfoFromSet(m_pInfo, 2, 1, nullptr, L"secret"));
+    EXPECT_EQ(Text(pFull->m_wszPasswordKey), L"plain");
+    EXPECT_FALSE(pFull->m_bPasswordKeyEncrypted);
     EXPECT_EQ(Text(m_pInfo->GetDiff()->m_wszPasswordKey), L"secret");
     EXPECT_TRUE(m_pInfo->GetDiff()->m_bPasswordKeyEncrypted);
     ASSERT_TRUE(BuildBackupInfoFromSet(m_pInfo, 3, 1, nullptr, nullptr));
     EXPECT_EQ(m_pInfo->GetLog(0)->m_wszPasswordKey, nullptr);
 }
 
+// Setters keep copies; the target instance is what follows the first
+// backslash; an account setter keeps the half it is not given.
 TEST_F(MountRequest, SettersKeepCopies) {
     std::wstring strKey = L"Sales";
     SetMountKey(m_pInfo, strKey.c_str());
     strKey[0] = L'X';
     EXPECT_EQ(Text(m_pInfo->GetMountKey()), L"Sales");
-    SetTargetDatabase(m_pInfo, L"SalesCopy");
-    SetFilterDrive(m_pInfo, L"C:\\");
-    EXPECT_EQ(Text(m_pInfo->GetTargetDatabase()), L"SalesCopy");
-    EXPECT_EQ(Text(m_pInfo->GetFilterDrive()), L"C:\\");
-
+    for (auto [wszSet, wszKept] : {std::pair{L"SERVER\\INST", L"INST"}, {L"SERVER", L"SERVER"}, {L"A\\B\\C", L"B\\C"}}) {
+        SetTargetInstance(m_pInfo, wszSet);
+        EXPECT_EQ(Text(m_pInfo->GetTargetInstance()), wszKept);
+    }
     SetFileAccessAccount(m_pInfo, L"user", L"pw");
     SetFileAccessAccount(m_pInfo, L"other", nullptr);
     EXPECT_EQ(Text(m_pInfo->GetFileAccessUser()), L"other");
@@ -104,30 +96,10 @@ TEST_F(MountRequest, SettersKeepCopies) {
     SetFileAccessAccount(m_pInfo, nullptr, L"pw2");
     EXPECT_EQ(Text(m_pInfo->GetFileAccessUser()), L"other");
     EXPECT_EQ(Text(m_pInfo->GetFileAccessPassword()), L"pw2");
-
     EXPECT_FALSE(m_pInfo->GetRestart());
     SetRestart(m_pInfo);
     EXPECT_TRUE(m_pInfo->GetRestart());
-}
-
-TEST_F(MountRequest, GuidParsesIntoTheRecord) {
-    EXPECT_EQ(SetGuid(m_pInfo, L"6b29fc40-ca47-1067-b31d-00dd010662da"), 0);
-    const GUID guid = m_pInfo->GetGuid();
-    EXPECT_EQ(guid.Data1, 0x6B29FC40u);
-    EXPECT_EQ(guid.Data2, 0xCA47u);
-    EXPECT_EQ(guid.Data3, 0x1067u);
-    EXPECT_EQ(guid.Data4[0], 0xB3u);
-    EXPECT_EQ(guid.Data4[7], 0xDAu);
     EXPECT_NE(SetGuid(m_pInfo, L"not a guid"), 0);
-}
-
-TEST_F(MountRequest, StopExportFillsTheStop) {
-    EXPECT_EQ(m_pInfo->GetStop().m_eStopType, ZR_STOP_UNDEFINED);
-    EXPECT_TRUE(SetStop(m_pInfo, L"STOPATMARK='lsn:1:2:3'"));
-    EXPECT_EQ(m_pInfo->GetStop().m_eStopType, ZR_STOP_AT_LSN);
-    EXPECT_FALSE(SetStop(m_pInfo, L"STOPATMARK"));
-    EXPECT_EQ(m_pInfo->GetStop().m_eStopType, ZR_STOP_UNDEFINED);
-    EXPECT_FALSE(SetStop(m_pInfo, nullptr));
 }
 
 }  // namespace

@@ -30,15 +30,6 @@ std::pair<uint32_t, int32_t> Converted(ZR_DateParts date) {
     return {dt.m_iTicks, dt.m_iDays};
 }
 
-TEST(SqlDateTime, LeapYearRules) {
-    for (int iYear : {2000, 2008, 1600}) EXPECT_TRUE(IsLeapYear(iYear)) << iYear;
-    for (int iYear : {1900, 2009, 1700}) EXPECT_FALSE(IsLeapYear(iYear)) << iYear;
-    EXPECT_EQ(DaysBeforeMonth(2008, 3), 60);
-    EXPECT_EQ(DaysBeforeMonth(2009, 3), 59);
-    EXPECT_EQ(DaysBeforeMonth(2009, 0), -1);
-    EXPECT_EQ(DaysBeforeMonth(2009, 13), -1);
-}
-
 // Dates on both sides of 1900, at the edges of months and of leap days.
 TEST(SqlDateTime, DaysAgreeWithTheCivilCalendarBothWays) {
     const struct {

@@ -2,16 +2,16 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <string>
 #include <vector>
 
+#include "support/MountTestBase.h"
 #include "diag/ZR_Error.h"
-#include "support/FakeDriver.h"
-#include "mount/ZR_MountStepsTesting.h"
-#include "zirlane/zirlane.h"
-#include "MountTestBase.h"
 #include "support/ErrorText.h"
+#include "support/FakeDriver.h"
+#include "zirlane/zirlane.h"
+
+namespace fs = std::filesystem;
 
 // Reaches the private mounts of a virtual file name.
 struct ZR_TestAccess {
@@ -75,46 +75,28 @@ bool Contains(const std::wstring& strText, const wchar_t* wszPart) {
 
 class MountFlow : public MountTestBase<ScriptedSteps> {
 protected:
-    // A request with a full backup of one file, and a differential and logs
-    // on demand.
+    // A request with a full backup (data set 2) of one file, and a
+    // differential and logs on demand.
     ZR_MountInfo* Request(const wchar_t* wszKey, bool bDiff = false, int iLogs = 0) {
-        ZR_MountInfo* pInfo = NewRequest();
-        BuildBackupInfoFromSet(pInfo, 1, 2, nullptr, nullptr);
-        AddBackupSetFilename(pInfo, L"Full", L"full.bak");
-        if (bDiff) {
-            BuildBackupInfoFromSet(pInfo, 2, 1, nullptr, nullptr);
-            AddBackupSetFilename(pInfo, L"Diff", L"diff.bak");
-        }
-        for (int i = 0; i < iLogs; ++i) {
-            BuildBackupInfoFromSet(pInfo, 3, 1, nullptr, nullptr);
-            AddBackupSetFilename(pInfo, L"Log", L"log.trn");
-        }
-        if (wszKey) SetMountKey(pInfo, wszKey);
+        ZR_MountInfo* pInfo = LibraryTest::Request({"full.bak"}, bDiff ? std::vector<fs::path>{"diff.bak"} : std::vector<fs::path>{},
+                                                   std::vector<std::vector<fs::path>>(size_t(iLogs), {"log.trn"}), 2);
+        if (wszKey)
+            SetMountKey(pInfo, wszKey);
         return pInfo;
     }
-
-    // Mounts and hands back the key that came out (empty when none).
-    bool Mount(ZR_MountInfo* pInfo, std::wstring* pstrKey) {
-        wchar_t* wszKey = nullptr;
-        const bool bMounted = ZR::GetZR()->Mount(pInfo, &wszKey);
-        *pstrKey = wszKey ? wszKey : L"";
-        free(wszKey);
-        return bMounted;
-    }
-
 };
 
-TEST_F(MountFlow, ARequestWithoutKeyIsKnownByItsGuidInUpperCase) {
+// The source names come from the steps, split at the instance's backslash;
+// nothing can find a database before its backups are open.
+TEST_F(MountFlow, ARequestWithoutKeyIsKnownByItsGuidInUpperCaseOrByAGuidOfItsOwn) {
     ZR_MountInfo* pInfo = Request(nullptr);
     ASSERT_EQ(SetGuid(pInfo, L"6b29fc40-ca47-1067-b31d-00dd010662da"), 0);
     ZR::GetZR()->SetFilterVolume(L"C:\\volume\\");
     std::wstring strKey;
-    ASSERT_TRUE(Mount(pInfo, &strKey));
+    ZR_Database* pDB = Mount(pInfo, &strKey);
+    ASSERT_NE(pDB, nullptr);
     EXPECT_EQ(strKey, L"GUID=6B29FC40-CA47-1067-B31D-00DD010662DA");
     EXPECT_EQ(std::wstring(pInfo->GetMountKey()), strKey);
-
-    ZR_Database* pDB = ZR::FindDatabase(strKey.c_str());
-    ASSERT_NE(pDB, nullptr);
     EXPECT_EQ(pDB->GetGuid(), pInfo->GetGuid());
     EXPECT_EQ(g_DBs.FindByGuid(pInfo->GetGuid()), pDB);
     EXPECT_EQ(std::wstring(pDB->GetSourceMachine()), L"HOST");
@@ -124,36 +106,26 @@ TEST_F(MountFlow, ARequestWithoutKeyIsKnownByItsGuidInUpperCase) {
     EXPECT_EQ(pDB->GetState(), ZR_VDB_STATE_PREPARED);
     EXPECT_EQ(m_steps.m_iStateAtOpen, ZR_VDB_STATE_PREPARED);
     EXPECT_EQ(m_steps.m_aSteps, (std::vector<std::string>{"content", "access", "open", "names"}));
-    // Nothing can find a database before its backups are open.
     EXPECT_FALSE(m_steps.m_bFoundDuringMount);
-}
 
-TEST_F(MountFlow, EveryMountWithoutKeyOrGuidGetsItsOwnKey) {
+    m_steps.m_strServer = L"HOST";
     std::wstring strKey1, strKey2;
-    ASSERT_TRUE(Mount(Request(L""), &strKey1));
-    ASSERT_TRUE(Mount(Request(nullptr), &strKey2));
-    EXPECT_EQ(strKey1.rfind(L"GUID=", 0), 0u);
-    EXPECT_EQ(strKey2.rfind(L"GUID=", 0), 0u);
-    EXPECT_EQ(strKey1.size(), 41u);
+    ZR_Database* pDB1 = Mount(Request(L""), &strKey1);
+    ASSERT_NE(pDB1, nullptr);
+    EXPECT_STREQ(pDB1->GetSourceInstance(), L"") << "a default instance";
+    ASSERT_NE(Mount(Request(nullptr), &strKey2), nullptr);
+    for (const std::wstring& str : {strKey1, strKey2}) {
+        EXPECT_EQ(str.rfind(L"GUID=", 0), 0u);
+        EXPECT_EQ(str.size(), 41u);
+    }
     EXPECT_NE(strKey1, strKey2);
     EXPECT_NE(ZR::FindDatabase(strKey1.c_str()), ZR::FindDatabase(strKey2.c_str()));
 }
 
-TEST_F(MountFlow, ServerWithoutInstanceLeavesTheInstanceEmpty) {
-    m_steps.m_strServer = L"HOST";
-    std::wstring strKey;
-    ASSERT_TRUE(Mount(Request(L"k"), &strKey));
-    ZR_Database* pDB = ZR::FindDatabase(L"k");
-    ASSERT_NE(pDB, nullptr);
-    EXPECT_EQ(std::wstring(pDB->GetSourceMachine()), L"HOST");
-    EXPECT_EQ(std::wstring(pDB->GetSourceInstance()), L"");
-}
-
 TEST_F(MountFlow, TheSameKeyTwiceMakesTwoDatabasesAndLookupsFindTheOlder) {
+    ZR_Database* pFirst = Mount(Request(L"Sales"));
     std::wstring strKey;
-    ASSERT_TRUE(Mount(Request(L"Sales"), &strKey));
-    ZR_Database* pFirst = ZR::FindDatabase(L"Sales");
-    ASSERT_TRUE(Mount(Request(L"SALES"), &strKey));
+    ASSERT_NE(Mount(Request(L"SALES"), &strKey), nullptr);
     EXPECT_EQ(strKey, L"SALES");
     EXPECT_EQ(static_cast<int>(g_DBs), 2);
     EXPECT_EQ(ZR::FindDatabase(L"sales"), pFirst);
@@ -162,13 +134,14 @@ TEST_F(MountFlow, TheSameKeyTwiceMakesTwoDatabasesAndLookupsFindTheOlder) {
     EXPECT_EQ(ZR::FindDatabase(L"other"), nullptr);
 }
 
-TEST_F(MountFlow, TheChainStandsInItsSlots) {
-    std::wstring strKey;
-    ASSERT_TRUE(Mount(Request(L"logs", false, 2), &strKey));
+TEST_F(MountFlow, TheChainStandsInItsSlotsAndTheStopReachesPrepareAccess) {
+    ZR_MountInfo* pInfo = Request(L"logs", false, 2);
+    ASSERT_TRUE(SetStop(pInfo, L"STOPATMARK='lsn:1:2:3'"));
+    ZR_Database* pDB = Mount(pInfo);
+    ASSERT_NE(pDB, nullptr);
+    EXPECT_EQ(m_steps.m_eStopType, ZR_STOP_AT_LSN);
     EXPECT_EQ(m_steps.m_iBackupSlots, 4);
     EXPECT_FALSE(m_steps.m_bDiffFollows);
-    ZR_Database* pDB = ZR::FindDatabase(L"logs");
-    ASSERT_NE(pDB, nullptr);
     EXPECT_EQ(pDB->GetDiff(), nullptr);
     ASSERT_NE(pDB->GetBackup(3), nullptr);
     EXPECT_EQ(pDB->GetBackup(3)->GetNumFiles(), 1);
@@ -176,17 +149,9 @@ TEST_F(MountFlow, TheChainStandsInItsSlots) {
     EXPECT_EQ(pDB->GetFull()->GetFile(0)->GetDataSet(), 2);
     EXPECT_EQ(std::wstring(pDB->GetFull()->GetKey()), L"logs");
 
-    ASSERT_TRUE(Mount(Request(L"diff", true, 1), &strKey));
+    ASSERT_NE(Mount(Request(L"diff", true, 1)), nullptr);
     EXPECT_EQ(m_steps.m_iBackupSlots, 3);
     EXPECT_TRUE(m_steps.m_bDiffFollows);
-}
-
-TEST_F(MountFlow, TheStopOfTheRequestReachesPrepareAccess) {
-    ZR_MountInfo* pInfo = Request(L"stop");
-    ASSERT_TRUE(SetStop(pInfo, L"STOPATMARK='lsn:1:2:3'"));
-    std::wstring strKey;
-    ASSERT_TRUE(Mount(pInfo, &strKey));
-    EXPECT_EQ(m_steps.m_eStopType, ZR_STOP_AT_LSN);
 }
 
 // Each failing step leaves nothing in g_DBs, hands back the key, and
@@ -207,38 +172,33 @@ TEST_F(MountFlow, AFailureAtAnyStepLeavesNothingBehind) {
         m_steps.m_eFailAt = c.eFailAt;
         m_steps.m_aSteps.clear();
         std::wstring strKey;
-        EXPECT_FALSE(Mount(Request(L"Failing"), &strKey));
+        EXPECT_EQ(Mount(Request(L"Failing"), &strKey), nullptr);
         EXPECT_EQ(strKey, L"Failing");
         EXPECT_EQ(static_cast<int>(g_DBs), 0);
         EXPECT_EQ(m_steps.m_aSteps.size(), size_t(c.eFailAt));
         EXPECT_TRUE(Contains(Errors(L"Failing"), L"scripted failure"));
         const std::wstring strNullKey = Errors(nullptr);
-        if (c.wszMountError)
-            EXPECT_TRUE(Contains(strNullKey, c.wszMountError)) << testing::PrintToString(strNullKey);
-        else
-            EXPECT_TRUE(strNullKey.empty()) << testing::PrintToString(strNullKey);
+        EXPECT_TRUE(c.wszMountError ? Contains(strNullKey, c.wszMountError) : strNullKey.empty())
+            << testing::PrintToString(strNullKey);
         ZR_ClearErrors(L"Failing");
     }
 }
 
-TEST_F(MountFlow, ARequestWithoutFullBackupIsRefusedAfterTheKeyIsMade) {
-    ZR_MountInfo* pInfo = AllocateMountInfo();
-    m_aInfos.push_back(pInfo);
-    BuildBackupInfoFromSet(pInfo, 3, 1, nullptr, nullptr);
-    std::wstring strKey;
-    EXPECT_FALSE(Mount(pInfo, &strKey));
-    EXPECT_EQ(strKey.rfind(L"GUID=", 0), 0u);
-    EXPECT_TRUE(Contains(Errors(nullptr), L"A mount needs a full backup"));
+// Requests without a full backup or with a record of no known type are
+// refused before any step, after the key is made.
+TEST_F(MountFlow, RequestsThatMakeNoChainAreRefused) {
+    ZR_MountInfo* pLogOnly = NewRequest();
+    BuildBackupInfoFromSet(pLogOnly, 3, 1, nullptr, nullptr);
+    ZR_MountInfo* pTyped = Request(L"typed", true);
+    pTyped->GetDiff()->m_eType = static_cast<ZR_BackupType_e>(7);
+    for (auto [pInfo, wszReason, wszKey] : {std::tuple{pLogOnly, L"A mount needs a full backup", L"GUID="},
+                                            {pTyped, L"Not a supported backup type (7)", L"typed"}}) {
+        std::wstring strKey;
+        EXPECT_EQ(Mount(pInfo, &strKey), nullptr);
+        EXPECT_EQ(strKey.rfind(wszKey, 0), 0u);
+        EXPECT_TRUE(Contains(Errors(nullptr), wszReason)) << testing::PrintToString(Errors(nullptr));
+    }
     EXPECT_TRUE(m_steps.m_aSteps.empty());
-    EXPECT_EQ(static_cast<int>(g_DBs), 0);
-}
-
-TEST_F(MountFlow, ARecordOfAnUnknownTypeIsRefused) {
-    ZR_MountInfo* pInfo = Request(L"typed", true);
-    pInfo->GetDiff()->m_eType = static_cast<ZR_BackupType_e>(7);
-    std::wstring strKey;
-    EXPECT_FALSE(Mount(pInfo, &strKey));
-    EXPECT_TRUE(Contains(Errors(nullptr), L"Not a supported backup type (7)"));
     EXPECT_EQ(static_cast<int>(g_DBs), 0);
 }
 
@@ -246,8 +206,7 @@ TEST_F(MountFlow, ARecordOfAnUnknownTypeIsRefused) {
 // read backup content, and says so under the mount key.
 TEST_F(MountFlow, TheLibrarysOwnStepsFailOnBackupsThatDoNotExist) {
     ZR_InstallMountStepsForTesting(nullptr);
-    std::wstring strKey;
-    EXPECT_FALSE(Mount(Request(L"real"), &strKey));
+    EXPECT_EQ(Mount(Request(L"real")), nullptr);
     const std::wstring strErrors = Errors(L"real");
     EXPECT_TRUE(Contains(strErrors, L"Failed to prepare backup content for backup id: 0 SQL version: 0"));
     EXPECT_TRUE(Contains(strErrors, L"File probe failed for data set 2"));
@@ -255,11 +214,9 @@ TEST_F(MountFlow, TheLibrarysOwnStepsFailOnBackupsThatDoNotExist) {
 }
 
 TEST_F(MountFlow, RemoveEndsTheMountAndClearsOnlyItsKey) {
-    std::wstring strKey;
-    ASSERT_TRUE(Mount(Request(L"one"), &strKey));
-    ASSERT_TRUE(Mount(Request(L"two"), &strKey));
-    ZR_Database* pOne = ZR::FindDatabase(L"one");
+    ZR_Database* pOne = Mount(Request(L"one"));
     ASSERT_NE(pOne, nullptr);
+    ASSERT_NE(Mount(Request(L"two")), nullptr);
     pOne->AssociateDataFile(3, 11, FileObjectUniquifier{{0, 0, 1, 0}}, L"D:\\data\\one.mdf");
     EXPECT_EQ(g_DBs.FindByDataFileName(L"d:\\DATA\\ONE.MDF"), pOne);
     EXPECT_EQ(g_DBs.FindByMountFileKey(11, 3), pOne);
@@ -282,11 +239,10 @@ TEST_F(MountFlow, RemoveEndsTheMountAndClearsOnlyItsKey) {
 }
 
 TEST_F(MountFlow, UninitializeForExitEmptiesTheList) {
-    std::wstring strKey;
-    ASSERT_TRUE(Mount(Request(L"a"), &strKey));
-    ASSERT_TRUE(Mount(Request(L"b"), &strKey));
+    ASSERT_NE(Mount(Request(L"a")), nullptr);
+    ASSERT_NE(Mount(Request(L"b")), nullptr);
     g_DBs.Append(nullptr);  // an empty slot is passed over
-    ASSERT_TRUE(Mount(Request(L"c"), &strKey));
+    ASSERT_NE(Mount(Request(L"c")), nullptr);
     ZR::UninitializeForExit();
     EXPECT_EQ(static_cast<int>(g_DBs), 1);
     EXPECT_EQ(ZR::FindDatabase(L"c"), nullptr);
@@ -336,10 +292,8 @@ TEST_F(MountFlow, ABackupsNameMountsItsFilesByTheirMarks) {
 }
 
 TEST_F(MountFlow, OtherNamesOnlyFindMounts) {
-    std::wstring strKey;
-    ZR_MountInfo* pInfo = Request(L"found");
-    ASSERT_TRUE(Mount(pInfo, &strKey));
-    ZR_Database* pDB = ZR::FindDatabase(L"found");
+    ZR_Database* pDB = Mount(Request(L"found"));
+    ASSERT_NE(pDB, nullptr);
 
     ZR_FileInfo byGuid;
     byGuid.m_eScheme = ZR_FILE_GUID;

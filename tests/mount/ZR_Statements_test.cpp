@@ -21,7 +21,7 @@
 #include "mount/ZR.h"
 #include "mount/ZR_MountStepsTesting.h"
 #include "zirlane/zirlane.h"
-#include "MountTestBase.h"
+#include "support/MountTestBase.h"
 #include "support/ConfigStream.h"
 #include "support/ErrorText.h"
 
@@ -94,26 +94,17 @@ std::wstring Errors(const wchar_t* wszKey) { return zrtest::ErrorText(wszKey); }
 
 class Statements : public MountTestBase<ViewSteps> {
 protected:
-    void TearDown() override {
-        ZR_ClearErrors(kKey);
-        MountTestBase::TearDown();
-    }
-
     // A request for Sales on C:\ under kKey: a full backup in iFullFiles
     // files, a differential in one on demand, and iLogs logs of one file.
     ZR_MountInfo* Request(int iFullFiles, bool bDiff, int iLogs, const wchar_t* wszKey = kKey) {
-        ZR_MountInfo* pInfo = NewRequest();
-        BuildBackupInfoFromSet(pInfo, 1, 1, nullptr, nullptr);
+        std::vector<std::filesystem::path> full;
         for (int i = 0; i < iFullFiles; ++i)
-            AddBackupSetFilename(pInfo, L"Full", (L"full" + std::to_wstring(i) + L".bak").c_str());
-        if (bDiff) {
-            BuildBackupInfoFromSet(pInfo, 2, 1, nullptr, nullptr);
-            AddBackupSetFilename(pInfo, L"Diff", L"diff.bak");
-        }
-        for (int i = 0; i < iLogs; ++i) {
-            BuildBackupInfoFromSet(pInfo, 3, 1, nullptr, nullptr);
-            AddBackupSetFilename(pInfo, L"Log", (L"log" + std::to_wstring(i) + L".trn").c_str());
-        }
+            full.push_back("full" + std::to_string(i) + ".bak");
+        std::vector<std::vector<std::filesystem::path>> logs;
+        for (int i = 0; i < iLogs; ++i)
+            logs.push_back({"log" + std::to_string(i) + ".trn"});
+        ZR_MountInfo* pInfo = LibraryTest::Request(full, bDiff ? std::vector<std::filesystem::path>{"diff.bak"}
+                                                               : std::vector<std::filesystem::path>{}, logs);
         SetMountKey(pInfo, wszKey);
         SetTargetDatabase(pInfo, L"Sales");
         SetFilterDrive(pInfo, L"C:\\");
@@ -121,10 +112,8 @@ protected:
     }
 
     ZR_Database* Mount(ZR_MountInfo* pInfo) {
-        wchar_t* wszKey = nullptr;
-        EXPECT_TRUE(ZR::GetZR()->Mount(pInfo, &wszKey)) << testing::PrintToString(Errors(wszKey));
-        ZR_Database* pDB = ZR::FindDatabase(wszKey);
-        free(wszKey);
+        ZR_Database* pDB = LibraryTest::Mount(pInfo);
+        EXPECT_NE(pDB, nullptr) << testing::PrintToString(Errors(pInfo->GetMountKey()));
         return pDB;
     }
 
@@ -135,7 +124,6 @@ protected:
     static std::wstring Quoted(ZR_Database* pDB, int iSlot, int iFile) {
         return L"'" + Name(L"C:\\", kKey, Id(pDB, iSlot, iFile)) + L"'";
     }
-
 };
 
 // The whole chain of the worked example: a full backup in two files, a
@@ -401,13 +389,8 @@ TEST_F(Statements, ABrokenNameInTheConfigurationFailsTheMount) {
     ConfigSteps steps(LibrarySteps());
     ZR_InstallMountStepsForTesting(&steps);
     steps.m_bBadName = true;
-    ZR_MountInfo* pInfo = Request(1, false, 0, L"broken");
-    wchar_t* wszKey = nullptr;
-    EXPECT_FALSE(ZR::GetZR()->Mount(pInfo, &wszKey));
-    free(wszKey);
+    EXPECT_EQ(LibraryTest::Mount(Request(1, false, 0, L"broken")), nullptr);
     EXPECT_FALSE(Errors(L"broken").empty());
-    EXPECT_EQ(ZR::FindDatabase(L"broken"), nullptr);
-    ZR_ClearErrors(L"broken");
 }
 
 }  // namespace

@@ -104,17 +104,4 @@ TEST(StopClause, AFailureKeepsTheOtherMembers) {
     EXPECT_STREQ(stop.m_strMark.GetString(), L"first");
 }
 
-// The date reader takes the dash forms too, which no clause hands it.
-TEST(StopClause, DateAndLsnTexts) {
-    ZR_DateParts date{};
-    ASSERT_TRUE(ParseDateText(L"2009-05-15 13-19-34", &date));
-    EXPECT_EQ(date.m_iMinute, 19);
-    EXPECT_EQ(date.m_iMillisecond, 0);
-    ASSERT_TRUE(ParseDateText(L"2009-05-15 13-19-34.120", &date));
-    EXPECT_EQ(date.m_iMillisecond, 120);
-    EXPECT_FALSE(ParseDateText(L"x2009-05-15 13:19:34", &date));
-    LSN lsn{};
-    EXPECT_FALSE(ParseLsnText(L"lsn:1:2", &lsn));
-}
-
 }  // namespace

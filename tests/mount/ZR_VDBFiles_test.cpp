@@ -5,7 +5,7 @@
 
 #include <cctype>
 #include <chrono>
-#include <cstdlib>
+#include <cwctype>
 #include <filesystem>
 #include <fstream>
 #include <list>
@@ -14,15 +14,12 @@
 #include <string>
 #include <thread>
 #include <vector>
-#include <cwctype>
 
-#include "diag/ZR_Error.h"
 #include "foundation/Unaligned.h"
-#include "mount/ZR.h"
 #include "support/ErrorText.h"
 #include "support/FakeDriver.h"
+#include "support/LibraryTest.h"
 #include "support/MtfWalker.h"
-#include "support/TestData.h"
 #include "zirlane/zirlane.h"
 
 namespace fs = std::filesystem;
@@ -58,20 +55,17 @@ AddFileNames Decode(const zrtest::Bytes& message) {
 }
 
 std::vector<zrtest::MtfSqlFile> FileRecords(const std::string& name) {
-    const zrtest::MtfWalk walk = zrtest::MtfWalker::WalkFile(*zrtest::TestDataFile(kDir + name));
+    const zrtest::MtfWalk walk = zrtest::MtfWalker::WalkFile(*zrtest::TestDataFile(std::string(kDir) + name));
     EXPECT_TRUE(walk.ok) << walk.fault;
     return walk.DataSet(1) ? walk.DataSet(1)->msci.files : std::vector<zrtest::MtfSqlFile>{};
 }
 
-class MountFiles : public testing::Test {
+class MountFiles : public zrtest::LibraryTest {
 protected:
     void SetUp() override {
+        LibraryTest::SetUp();
         ZR_REQUIRE_TESTDATA();
-        InitializeZR(0);
-        ZR::UninitializeForExit();
-        ZR_ClearErrors(nullptr);
         fs::create_directory(Sparse());
-        fs::create_directory(Maps());
         ASSERT_TRUE(ZR::SetVDBFolders(Sparse().wstring().c_str(), Maps().wstring().c_str()));
         m_pDriver = std::make_unique<zrtest::FakeDriver>();
     }
@@ -79,34 +73,26 @@ protected:
         ZR::UninitializeForExit();
         m_pDriver.reset();
         ZR::SetVDBFolders(L"", L"");
-        if (m_pInfo) FreeMountInfo(m_pInfo);
-        ZR_ClearErrors(m_strKey.c_str());
-        ZR_ClearErrors(nullptr);
+        LibraryTest::TearDown();
     }
     fs::path Sparse() const { return m_tmp / "sparse"; }
-    fs::path Maps() const { return m_tmp / "maps"; }
 
     // The full backup and its differential, mounted through WrapMount.
     ZR_Database* Mount(const wchar_t* wszFullWith = nullptr, bool bRestart = false) {
-        m_pInfo = AllocateMountInfo();
-        BuildBackupInfoFromSet(m_pInfo, 1, 1, nullptr, nullptr);
-        AddBackupSetFilename(m_pInfo, L"Full", zrtest::TestDataFile(std::string(kDir) + "RestoreTimeClean.bak")->wstring().c_str());
-        BuildBackupInfoFromSet(m_pInfo, 2, 1, nullptr, nullptr);
-        AddBackupSetFilename(m_pInfo, L"Diff", zrtest::TestDataFile(std::string(kDir) + "RestoreTimeClean2.bak")->wstring().c_str());
-        SetTargetDatabase(m_pInfo, L"Copy");
-        if (wszFullWith) AddWith(m_pInfo, 1, wszFullWith);
-        if (bRestart) SetRestart(m_pInfo);
+        ZR_MountInfo* pInfo = Request({Real("RestoreTimeClean.bak")}, {Real("RestoreTimeClean2.bak")});
+        SetTargetDatabase(pInfo, L"Copy");
+        if (wszFullWith) AddWith(pInfo, 1, wszFullWith);
+        if (bRestart) SetRestart(pInfo);
         wchar_t wszKey[128] = {};
-        const bool bMounted = WrapMount(m_pInfo, wszKey, 128);
+        const bool bMounted = WrapMount(pInfo, wszKey, 128);
         m_strKey = wszKey;
         EXPECT_TRUE(bMounted) << zrtest::ErrorTextNarrow(wszKey) << zrtest::ErrorTextNarrow();
         return bMounted ? ZR::FindDatabase(wszKey) : nullptr;
     }
+    static fs::path Real(const std::string& name) { return *zrtest::TestDataFile(std::string(kDir) + name); }
     std::string Key() const { return Narrow(m_strKey); }
 
-    zrtest::TempDir m_tmp;
     std::unique_ptr<zrtest::FakeDriver> m_pDriver;
-    ZR_MountInfo* m_pInfo = nullptr;
     std::wstring m_strKey;
 };
 

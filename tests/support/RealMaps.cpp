@@ -50,17 +50,6 @@ std::uint64_t AddStream(ZR_CMaps& map, const std::vector<std::uint8_t>& a, std::
 
 }  // namespace
 
-std::vector<std::uint8_t> ReadFileBytes(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary | std::ios::ate);
-    if (!in)
-        return {};
-    std::vector<std::uint8_t> bytes(static_cast<std::size_t>(in.tellg()));
-    in.seekg(0);
-    if (!in.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size())))
-        return {};
-    return bytes;
-}
-
 bool FillContentMap(ZR_CMaps& map, const std::vector<std::uint8_t>& a) {
     std::uint64_t iPos = 0;
     std::uint32_t iBlock = 0;

@@ -6,15 +6,13 @@
 
 #include "maps/ZR_CMaps.h"
 #include "maps/ZR_EMaps.h"
+#include "support/FileBytes.h"
 
 #include <cstdint>
 #include <filesystem>
 #include <vector>
 
 namespace zrtest {
-
-// Every byte of a file; empty when it cannot be read.
-std::vector<std::uint8_t> ReadFileBytes(const std::filesystem::path& path);
 
 // Adds to row 0 of the map every block, every stream and its data as one
 // segment, walking the backup by the headers' lengths, and copies the

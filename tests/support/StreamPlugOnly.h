@@ -1,6 +1,7 @@
 // For the life of the object every CreateFileW fails (access denied), so a
 // map file cannot be mapped and is read through its buffered stream, which
-// opens without the file calls. Restores every file call at the end.
+// opens without the file calls; unless bActive is false, so that one loop
+// can try both plugs. Restores every file call at the end.
 #pragma once
 
 #include "platform/FileCallsTesting.h"
@@ -9,8 +10,9 @@ namespace zrtest {
 
 class StreamPlugOnly {
 public:
-    StreamPlugOnly() {
-        zr::platform::testing::ReplaceFileCall(&FileCalls::CreateFileW, &Refuse);
+    explicit StreamPlugOnly(bool bActive = true) {
+        if (bActive)
+            zr::platform::testing::ReplaceFileCall(&FileCalls::CreateFileW, &Refuse);
     }
     StreamPlugOnly(const StreamPlugOnly&) = delete;
     StreamPlugOnly& operator=(const StreamPlugOnly&) = delete;

@@ -351,8 +351,10 @@ void StripeEmitter::Data(int set, const std::vector<ExtentRef>& share) {
         FillTrailerPage(extent.data());
         Raw(extent.data(), extent.size());
     }
-    StreamHeader("MQDA", kStreamVariable | kStreamVarEnd, 0);
-    Zeros(2);
+    if (m_o.closingDataStream) {
+        StreamHeader("MQDA", kStreamVariable | kStreamVarEnd, 0);
+        Zeros(2);
+    }
     Spad();
 }
 

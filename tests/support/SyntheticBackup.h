@@ -56,6 +56,7 @@ struct SyntheticOptions {
     std::uint32_t transferExtents = 1;       // extents per transfer buffer, the unit spread over stripes
     std::uint32_t ph6sFiles = 0;             // files described by a PH6S run in each data set
     bool trailer = true;                     // a dump trailer extent ends the data of the first stripe
+    bool closingDataStream = true;           // false: each MSDA holds its one data stream and no empty one behind it
     SyntheticLsn firstLsn{20, 100, 1};
     SyntheticLsn lastLsn{20, 200, 1};
     SyntheticLsn checkpointLsn{20, 100, 1};
