@@ -1,16 +1,12 @@
 // Status and control of mounts by key, through the exports: the cut-off of
-// active hydrations, the count of active mounts, pause and resume, and what
-// a null or unknown key answers.
+// active hydrations, the count of active mounts, pause and resume.
 #include "mount/ZR.h"
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <string>
 #include <vector>
 
-#include "diag/Trace.h"
-#include "diag/ZR_Error.h"
 #include "zirlane/zirlane.h"
 
 namespace {
@@ -21,10 +17,7 @@ protected:
         InitializeZR(0);
         ZR::UninitializeForExit();
     }
-    void TearDown() override {
-        ZR::UninitializeForExit();
-        EnableServiceTrace(0);
-    }
+    void TearDown() override { ZR::UninitializeForExit(); }
     // A database in g_DBs, of the library from then on.
     ZR_Database* Add(const wchar_t* wszKey, int32_t iState, int64_t iOrderKey = 0) {
         auto* pDB = new ZR_Database(L"", GUID_NULL);
@@ -91,76 +84,6 @@ TEST_F(ControlByKey, PauseAndResumeMoveOnlyBetweenHydratingAndPaused) {
     EXPECT_TRUE(IsRecoveryStage(L"GUID=Q"));
     EXPECT_EQ(pOther->GetState(), ZR_VDB_STATE_RECOVERY);
     EXPECT_FALSE(PauseHydration(L"GUID=NONE"));
-}
-
-std::vector<std::string> TraceMessages() {
-    int cbBuffer = 0, cbLine = 0;
-    char* p = CaptureServiceTrace(&cbBuffer, &cbLine);
-    std::vector<std::string> out;
-    for (int i = 0; p && i + cbLine <= cbBuffer; i += cbLine) out.emplace_back(p + i + kTracePrefixSize);
-    FreeTraceBuffer(p);
-    return out;
-}
-
-// A null key answers as an unknown one does, and says so in the trace; an
-// unknown key says nothing.
-TEST_F(ControlByKey, ANullKeyIsTracedAndAnUnknownOneIsNot) {
-    struct Case {
-        const char* szTrace;
-        std::function<long long(const wchar_t*)> call;
-    } cases[] = {
-        {"IsHydrating called with null mount key\n", [](auto k) { return IsHydrating(k); }},
-        {"IsHydrationPaused called with null mount key\n", [](auto k) { return IsHydrationPaused(k); }},
-        {"IsRecoveryStage called with null mount key\n", [](auto k) { return IsRecoveryStage(k); }},
-        {"IsDataCopyStage return\n", [](auto k) { return IsDataCopyStage(k); }},
-        {"AllDataFilesOpened called with a NULL mount key\n", [](auto k) { return AllDataFilesOpened(k); }},
-        {"DatabaseHydrationDone called with a NULL mount key\n",
-         [](auto k) {
-             bool bDeleted = true;
-             return DatabaseHydrationDone(k, &bDeleted) + bDeleted;
-         }},
-        {"GetPercentComplete called with null mount key\n",
-         [](auto k) {
-             long long iDone = 5, iTotal = 5;
-             GetPercentComplete(k, &iDone, &iTotal);
-             return iDone + iTotal;
-         }},
-        {"WaitOnPercentChange called with NULL mount key\n", [](auto k) { return WaitOnPercentChange(k); }},
-        {"StartDataHydration called with a NULL mount key\n",
-         [](auto k) {
-             StartDataHydration(k, L"marker", 0);
-             return 0;
-         }},
-        {"PauseHydration called with NULL mount key\n", [](auto k) { return PauseHydration(k); }},
-        {"ResumeHydration called with NULL mount key\n", [](auto k) { return ResumeHydration(k); }},
-        {"SetNumWriterThreads called with NULL mount key\n", [](auto k) { return SetNumWriterThreads(k, 3); }},
-        {"SetMaxTransferSize called with a NULL mount key\n",
-         [](auto k) {
-             SetMaxTransferSize(k, 0x100000);
-             return 0;
-         }},
-        {"Remove called with a NULL mount key\n",
-         [](auto k) {
-             Remove(k);
-             return 0;
-         }},
-    };
-    EnableServiceTrace(1);
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.szTrace);
-        const size_t iBefore = TraceMessages().size();
-        EXPECT_EQ(c.call(L"GUID=UNKNOWN"), 0);
-        const std::vector<std::string> unknown = TraceMessages();
-        for (size_t i = iBefore; i < unknown.size(); ++i) EXPECT_EQ(unknown[i].find("mount key"), std::string::npos);
-        EXPECT_EQ(c.call(nullptr), 0);
-        const std::vector<std::string> null = TraceMessages();
-        ASSERT_FALSE(null.empty());
-        EXPECT_EQ(null.back(), c.szTrace);
-    }
-    EXPECT_FALSE(SetNumHydrationThreads(nullptr, 2));
-    Add(L"GUID=KNOWN", ZR_VDB_STATE_PREPARED);
-    EXPECT_TRUE(SetNumHydrationThreads(L"GUID=KNOWN", 2));
-    EXPECT_TRUE(SetNumWriterThreads(L"GUID=KNOWN", 2));
 }
 
 }  // namespace
