@@ -170,12 +170,22 @@ void PrintRun(const char* szWhat, const Run& run, size_t nPages) {
                 Percentile(run.aLatencies, 0.5), Percentile(run.aLatencies, 0.99));
 }
 
-double PeakRssMiB(const std::string& process) {
+namespace {
+
+// A field of /proc/<process>/status, in kB there.
+double StatusMiB(const std::string& process, const std::string& strField) {
     std::ifstream status("/proc/" + process + "/status");
     for (std::string line; std::getline(status, line);)
-        if (line.rfind("VmHWM:", 0) == 0)
-            return std::atof(line.c_str() + 6) / 1024;  // in kB
+        if (line.rfind(strField, 0) == 0) return std::atof(line.c_str() + strField.size()) / 1024;
     return 0;
 }
+
+}  // namespace
+
+double PeakRssMiB(const std::string& process) { return StatusMiB(process, "VmHWM:"); }
+
+double RssMiB() { return StatusMiB("self", "VmRSS:"); }
+
+void ResetPeakRss() { std::ofstream("/proc/self/clear_refs") << "5"; }
 
 }  // namespace zrbench

@@ -63,6 +63,11 @@ bool ReadPlainPage(HANDLE h, uint64_t iFileOfs, void* pBuffer);
 // The peak resident memory of a process ("self", or a process id) in MiB,
 // 0 when unknown.
 double PeakRssMiB(const std::string& process = "self");
+// The resident memory of the process now, in MiB.
+double RssMiB();
+// Starts the peak of the process over from what it holds now (Linux 4.0
+// and later), so that PeakRssMiB tells the peak of what follows.
+void ResetPeakRss();
 
 // The file as the test walker reads it, through the library's reader of
 // backup files: without the system cache, as a RESTORE reads its backup.

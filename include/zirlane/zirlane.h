@@ -21,10 +21,24 @@ class ZR_MountInfo;
 typedef struct ZR_MountInfo ZR_MountInfo;
 #endif
 
+/* The GUID of Windows, where the caller's headers have none. */
+#ifndef GUID_DEFINED
+#define GUID_DEFINED
+typedef struct _GUID {
+    unsigned int Data1;
+    unsigned short Data2;
+    unsigned short Data3;
+    unsigned char Data4[8];
+} GUID;
+#endif
+
 /* ---- Library life ------------------------------------------------------ */
 
 /* Sets up the trace (switched off) and the library object. Always true. */
 ZR_API bool InitializeZR(int iUnused);
+/* The last call: ends the service that answers the driver, then every
+   mount (hydrations are cancelled and waited for). */
+ZR_API void UninitializeForExit(void);
 /* Starts the service that answers the filter driver's requests (after
    InitializeZR and IOAttachVolume), then tells the driver it started. A later
    call retries what did not come up. Always true: the trace tells whether
@@ -98,6 +112,55 @@ ZR_API void GetSQL(ZR_MountInfo* pInfo, unsigned int iStatement, wchar_t* wszBuf
    statement iStatement, counted from 1 here: 1 is the full backup. */
 ZR_API void AddWith(ZR_MountInfo* pInfo, int iStatement, const wchar_t* wszOption);
 
+/* ---- Status of a mount, by the key WrapMount gave ---------------------- */
+
+/* An unknown key answers false or 0; a null key does the same, and says so
+   in the trace. */
+/* Hydrating / hydration paused / recovering / restoring (SQL Server reads
+   the virtual backup files). */
+ZR_API bool IsHydrating(const wchar_t* wszKey);
+ZR_API bool IsHydrationPaused(const wchar_t* wszKey);
+ZR_API bool IsRecoveryStage(const wchar_t* wszKey);
+ZR_API bool IsDataCopyStage(const wchar_t* wszKey);
+/* The driver has announced every data file of the mount. */
+ZR_API bool AllDataFilesOpened(const wchar_t* wszKey);
+/* Hydration completed, or the database was deleted (then *pbDeleted, when
+   given, is true). */
+ZR_API bool DatabaseHydrationDone(const wchar_t* wszKey, bool* pbDeleted);
+/* Bytes present in the data files (as the driver's bitmaps or this run's
+   pushes tell, whichever is further) and their total. */
+ZR_API void GetPercentComplete(const wchar_t* wszKey, long long* piDone, long long* piTotal);
+/* Waits up to 10 seconds for progress to move (it is told at every tenth
+   and at the end), then gives it in hundredths of a percent, 0 to 10,000. */
+ZR_API int WaitOnPercentChange(const wchar_t* wszKey);
+/* Mounts whose hydration is not paused. */
+ZR_API int GetNumberOfActiveMounts(void);
+
+/* ---- Control of a mount, by its key ------------------------------------ */
+
+/* Hydrates the mount's data files on the calling thread and returns when
+   hydration has ended: complete (the file wszMarkerPath, when there is one,
+   then gets ".completed" appended to its name), cancelled by Remove or
+   UninitializeForExit, or stopped by a failure (ZRGetZRError tells). A mount
+   hydrates once at a time; a cancelled one never again. When the number of
+   active hydrations is limited, smaller order keys go first. */
+ZR_API void StartDataHydration(const wchar_t* wszKey, const wchar_t* wszMarkerPath, long long iOrderKey);
+/* Always true for a known mount. A paused hydration finishes the chunk in
+   hand and waits; reads of the database go on. */
+ZR_API bool PauseHydration(const wchar_t* wszKey);
+ZR_API bool ResumeHydration(const wchar_t* wszKey);
+/* Threads of the mount's next hydration; 0 (the default) sizes them by the
+   CPUs (hydration threads) or the data files (writers). False for an
+   unknown mount. */
+ZR_API bool SetNumHydrationThreads(const wchar_t* wszKey, int iThreads);
+ZR_API bool SetNumWriterThreads(const wchar_t* wszKey, int iThreads);
+/* The largest read of each backup file of the full and differential
+   backups. */
+ZR_API void SetMaxTransferSize(const wchar_t* wszKey, int iSize);
+/* Ends the mount: its hydration and reads end, its files and backups close.
+   Its recorded errors go too. */
+ZR_API void Remove(const wchar_t* wszKey);
+
 /* ---- Process-wide settings (for the mounts that start after them) ------- */
 
 /* CPUs to size thread pools by; a value below 1 stores 1 (the default). */
@@ -105,6 +168,11 @@ ZR_API void SetNumCPUs(int iNumCPUs);
 /* Live I/O threads of each mount; 0 (the default) or a value above 1000
    leaves the number to the CPUs and the stripes of the full backup. */
 ZR_API void SetNumLiveIOThreads(int iThreads);
+/* Blocks each cache of decompressed blocks keeps (default 12). */
+ZR_API void SetDecompressedCacheSize(unsigned int iSize);
+/* Hydrations that run at once (default 1,000); the others wait, the mounts
+   with the smallest order keys first. Takes effect at once. */
+ZR_API void SetMaxActiveHydrations(int iMaxActive);
 
 /* ---- Errors -------------------------------------------------------------- */
 
@@ -130,3 +198,36 @@ ZR_API void FreeTraceBuffer(void* p);
 /* A narrow format with three values, or a wide text (told apart by its
    second byte being 0). */
 ZR_API void ZRDbgTrace(const void* pText, unsigned long long i1, unsigned long long i2, unsigned long long i3);
+
+/* ---- Accessors of a backup set record ----------------------------------- */
+
+/* The record is the caller's, packed, laid out as the library's
+   documentation tells; nothing in this library fills it. The pointer is not
+   tested. Dates unpack the 5-byte tape format date. */
+ZR_API unsigned short familyCount(const void* pSet);
+ZR_API unsigned short familyIndex(const void* pSet);
+ZR_API void mediaSetId(GUID* pOut, const void* pSet);
+ZR_API bool missingConfigInfo(const void* pSet);
+ZR_API bool Encrypted(const void* pSet);
+ZR_API unsigned char backup_type(const void* pSet);
+/* wszOut holds 260 characters. */
+ZR_API void database_name(const void* pSet, wchar_t* wszOut);
+ZR_API void server_name(const void* pSet, wchar_t* wszOut);
+ZR_API unsigned int server_version(const void* pSet);
+ZR_API void backup_start(const void* pSet, unsigned* piMonth, unsigned* piDay, unsigned* piYear, unsigned* piHour,
+                         unsigned* piMinute, unsigned* piSecond);
+ZR_API void backup_finish(const void* pSet, unsigned* piMonth, unsigned* piDay, unsigned* piYear, unsigned* piHour,
+                          unsigned* piMinute, unsigned* piSecond);
+ZR_API unsigned int first_lsn_SeqNo(const void* pSet);
+ZR_API unsigned int first_lsn_blockOffset(const void* pSet);
+ZR_API unsigned short first_lsn_slotId(const void* pSet);
+ZR_API unsigned int last_lsn_SeqNo(const void* pSet);
+ZR_API unsigned int last_lsn_blockOffset(const void* pSet);
+ZR_API unsigned short last_lsn_slotId(const void* pSet);
+ZR_API unsigned int checkpoint_lsn_SeqNo(const void* pSet);
+ZR_API unsigned int checkpoint_lsn_blockOffset(const void* pSet);
+ZR_API unsigned short checkpoint_lsn_slotId(const void* pSet);
+ZR_API unsigned int last_full_base_lsn_SeqNo(const void* pSet);
+ZR_API unsigned int last_full_base_lsn_blockOffset(const void* pSet);
+ZR_API unsigned short last_full_base_lsn_slotId(const void* pSet);
+ZR_API void last_full_base_guid(GUID* pOut, const void* pSet);

@@ -12,10 +12,13 @@ HANDLE g_hControlPort = INVALID_HANDLE_VALUE;
 
 namespace {
 
-HRESULT SendControl(const void* pMessage, DWORD cbMessage) {
-    if (g_hControlPort == INVALID_HANDLE_VALUE) return E_HANDLE;
+HRESULT SendControl(const void* pMessage, DWORD cbMessage, void* pOut = nullptr, DWORD cbOut = 0,
+                    DWORD* pcbReturned = nullptr) {
     DWORD iReturned = 0;
-    return FilterSendMessage(g_hControlPort, const_cast<void*>(pMessage), cbMessage, nullptr, 0, &iReturned);
+    if (!pcbReturned) pcbReturned = &iReturned;
+    *pcbReturned = 0;
+    if (g_hControlPort == INVALID_HANDLE_VALUE) return E_HANDLE;
+    return FilterSendMessage(g_hControlPort, const_cast<void*>(pMessage), cbMessage, pOut, cbOut, pcbReturned);
 }
 
 HRESULT SendCodeValue(ZR_DriverCommand_e eCommand, uint32_t iValue, DWORD cbMessage) {
@@ -73,6 +76,50 @@ HRESULT SendNumThreads(uint32_t iThreads) {
 
 HRESULT SendNumIOsToTrack(uint32_t iIOs) {
     return SendCodeValue(DRIVER_COMMAND_SET_NUM_IOS_TO_TRACK, iIOs, sizeof(ZR_CodeValueMessage));
+}
+
+HRESULT SendPrepareHydration(const FileObjectUniquifier& uniquifier) {
+    const ZR_PrepareHydrationMessage message{DRIVER_COMMAND_PREPARE_HYDRATION, uniquifier};
+    return SendControl(&message, sizeof message);
+}
+
+HRESULT SendHydrationStatus(const FileObjectUniquifier& uniquifier, uint32_t iStartExtent, ZR_HydrationRange* pRange,
+                            DWORD* pcbReturned) {
+    const ZR_HydrationStatusMessage message{DRIVER_COMMAND_GET_HYDRATION_STATUS, uniquifier, iStartExtent};
+    *pRange = ZR_HydrationRange{};
+    HRESULT hr = SendControl(&message, sizeof message, pRange, sizeof *pRange, pcbReturned);
+    if (*pcbReturned < sizeof *pRange) *pcbReturned = 0;  // a part of an answer is no answer
+    return hr;
+}
+
+HRESULT SendHydratePages(const FileObjectUniquifier& uniquifier, const void* pPages, const ZR_HydrationRange& range,
+                         ZR_HydrateMode_e eMode, const ZR_CompletionHeader* pHeader, uint32_t* pcbTaken) {
+    ZR_HydratePagesMessage message{};
+    message.iCode = DRIVER_COMMAND_HYDRATE_PAGES;
+    message.Uniquifier = uniquifier;
+    message.pPages = reinterpret_cast<uint64_t>(pPages);
+    message.Range = range;
+    message.iMode = eMode;
+    message.pCompletionHeader = reinterpret_cast<uint64_t>(pHeader);
+    uint32_t cbTaken = 0;
+    DWORD cbReturned = 0;
+    HRESULT hr = SendControl(&message, sizeof message, &cbTaken, sizeof cbTaken, &cbReturned);
+    if (pcbTaken) *pcbTaken = cbReturned == sizeof cbTaken ? cbTaken : 0;
+    return hr;
+}
+
+HRESULT SendHydrationCleanup(const FileObjectUniquifier& uniquifier, bool bComplete) {
+    const ZR_HydrationCleanupMessage message{DRIVER_COMMAND_HYDRATION_CLEANUP, uniquifier, bComplete ? 1u : 0u};
+    return SendControl(&message, sizeof message);
+}
+
+HRESULT SendFlushMountCaches(const wchar_t* wszKey) {
+    const std::string strKey = Utf16Encode(std::wstring(wszKey) + L'\0');
+    ZR_FlushMountCachesMessage message{};
+    if (strKey.size() > sizeof message.wszKey) return E_INVALIDARG;
+    message.iCode = DRIVER_COMMAND_FLUSH_MOUNT_CACHES;
+    std::memcpy(message.wszKey, strKey.data(), strKey.size());
+    return SendControl(&message, static_cast<DWORD>(offsetof(ZR_FlushMountCachesMessage, wszKey) + strKey.size()));
 }
 
 HRESULT SendTracePortCommand(ZR_DriverCommand_e eCommand) {

@@ -42,6 +42,26 @@ HRESULT SendNumThreads(uint32_t iThreads);
 // Command 19, the number of I/Os the driver tracks, as it is.
 HRESULT SendNumIOsToTrack(uint32_t iIOs);
 
+// Hydration (commands 7 to 10 and 18). Hydration threads, writers and the
+// thread of a hydration send them at once on the one port.
+// Command 7: hydration of the file is about to start.
+HRESULT SendPrepareHydration(const FileObjectUniquifier& uniquifier);
+// Command 8: what the file still lacks from extent iStartExtent on.
+// *pcbReturned is 0 when the driver gave no answer (nothing to read).
+HRESULT SendHydrationStatus(const FileObjectUniquifier& uniquifier, uint32_t iStartExtent, ZR_HydrationRange* pRange,
+                            DWORD* pcbReturned);
+// Command 9: pages of a run for the driver to write. range.iFirstExtent
+// and range.iNumExtents count pages here. Mode 0 is done when the call
+// returns (*pcbTaken: the bytes the driver took, 0 if it gave no reply);
+// modes 1 and 2 report through pHeader, the block's completion header.
+HRESULT SendHydratePages(const FileObjectUniquifier& uniquifier, const void* pPages, const ZR_HydrationRange& range,
+                         ZR_HydrateMode_e eMode, const ZR_CompletionHeader* pHeader, uint32_t* pcbTaken);
+// Command 10: hydration of the file has ended, complete or not.
+HRESULT SendHydrationCleanup(const FileObjectUniquifier& uniquifier, bool bComplete);
+// Command 18: what the driver holds of the mount's files reaches the disk.
+// E_INVALIDARG for a key longer than the message holds (260 characters).
+HRESULT SendFlushMountCaches(const wchar_t* wszKey);
+
 // --- On a new connection to the trace port ---
 // Commands 6 and 17, the code alone.
 HRESULT SendTracePortCommand(ZR_DriverCommand_e eCommand);

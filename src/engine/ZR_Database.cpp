@@ -6,11 +6,12 @@
 #include "diag/ZR_Error.h"
 #include "engine/ZR_ChainCheck.h"
 #include "engine/OwnedString.h"
+#include "engine/ZR_Writers.h"
 #include "maps/ZR_CMaps.h"
 
-namespace {
+uint32_t ZR_Database::NowSeconds() { return static_cast<uint32_t>(_time64(nullptr)); }
 
-uint32_t NowSeconds() { return static_cast<uint32_t>(_time64(nullptr)); }
+namespace {
 
 // Paths compare without regard to case, and with '\' and '/' as one
 // separator: the driver and the library may write the same sparse file's
@@ -43,17 +44,18 @@ ZR_Database::ZR_Database(const wchar_t* wszSparseFilesFolder, GUID guid) {
         UuidCreateSequential(&m_Guid);
 }
 
-// Live I/O ends before the strings, the events and m_cs go: its threads use
-// them until the last queued read is completed. Hydration, when it ends
-// here, ends before live I/O.
+// Hydration ends first, then live I/O, before the strings, the events and
+// m_cs go: their threads use them to the end.
 ZR_Database::~ZR_Database() {
     if (g_iTraceMode) TraceLine("ZR_Database::~ZR_Database\n");
+    CancelHydration(false);
     StopLiveIORead();
     free(m_pwszMountKey);
     free(m_pwszFilterVolume);
     free(m_pwszSourceMachine);
     free(m_pwszSourceInstance);
     free(m_pwszSourceDatabase);
+    free(m_pwszHydrationMarker);
     if (g_iTraceMode) TraceLine("ZR_Database::~ZR_Database - strings freed\n");
     CloseEvents();
     DeleteCriticalSection(&m_csLiveIO);
@@ -245,7 +247,9 @@ void ZR_Database::DeleteFileW(uint16_t iFileId) {
     if (pDeleted && !bAnyLeft) CancelHydration(true);
 }
 
-bool ZR_Database::AllDataFilesOpened() {
+bool ZR_Database::AllDataFilesOpened() { return CountDataFiles() >= ExpectedDataFiles(); }
+
+int ZR_Database::ExpectedDataFiles() {
     ZR_Backup* pBackup = GetDiff() ? GetDiff() : GetFull();
     int iExpected = 0;
     if (pBackup && pBackup->m_pCMaps) {
@@ -254,12 +258,32 @@ bool ZR_Database::AllDataFilesOpened() {
             if (const SQL_FILE_INFO_V7* pRecord = aFiles(i); pRecord && pRecord->m_file_type == SQL_FILE_DATABASE)
                 ++iExpected;
     }
+    return iExpected;
+}
+
+int ZR_Database::CountDataFiles() {
     int iPresent = 0;
     m_DataFiles.Lock();
     for (int i = 1; i < static_cast<int>(m_DataFiles); ++i)
         if (m_DataFiles(i)) ++iPresent;
     m_DataFiles.Unlock();
-    return iPresent >= iExpected;
+    return iPresent;
+}
+
+// m_cs first, as AssociateDataFile takes it around the table's lock.
+ZR_DataFileState ZR_Database::DataFileState(int iSlot) {
+    ZR_DataFileState state;
+    EnterCriticalSection(&m_cs);
+    m_DataFiles.Lock();
+    if (const ZR_File* pFile = iSlot >= 0 && m_DataFiles.Exists(iSlot) ? m_DataFiles(iSlot) : nullptr) {
+        state.bExists = true;
+        state.bClosed = pFile->m_bClosed != 0;
+        state.uniquifier = pFile->m_Uniquifier;
+        state.bOpen = !state.bClosed && IsUniquifierSet(state.uniquifier);
+    }
+    m_DataFiles.Unlock();
+    LeaveCriticalSection(&m_cs);
+    return state;
 }
 
 ZR_Backup* ZR_Database::FindBackupFile(HANDLE hFile, int* piFile) {
@@ -278,11 +302,6 @@ ZR_Backup* ZR_Database::FindBackupFile(HANDLE hFile, int* piFile) {
     }
     m_Backups.Unlock();
     return pFound;
-}
-
-void ZR_Database::CancelHydration(bool bDatabaseWasDeleted) {
-    if (bDatabaseWasDeleted) m_bDatabaseWasDeleted = true;
-    m_bCancel = true;
 }
 
 void ZR_Database::RaiseState(int32_t iState) {

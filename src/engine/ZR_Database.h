@@ -10,14 +10,20 @@
 //
 // The implementation is split by concern: ZR_Database.cpp (life, chain,
 // files, state), ZR_PageReads.cpp (pages of a data file read from the
-// backups), ZR_LiveIO.cpp (the queue of live reads and its threads).
+// backups), ZR_LiveIO.cpp (the queue of live reads and its threads),
+// ZR_Hydration.cpp (a hydration's control: its start, sizes, threads,
+// progress, pause and cancel) and ZR_DataFileHydration.cpp (the hydration
+// threads in data-file mode); the writer threads are ZR_Writers.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
+#include <vector>
 
 #include "backup/ZR_Backup.h"
 #include "engine/ZR_File.h"
+#include "engine/ZR_HydrationSizing.h"
 #include "engine/ZR_LiveIOEntry.h"
 #include "foundation/AP.h"
 #include "maps/ZR_EMaps.h"
@@ -50,6 +56,16 @@ struct ZR_PageLocation {
     ZR_Backup* pBackup = nullptr;
     ZR_EMap entry;
 };
+
+// A data file of the mount as hydration sees it at one moment.
+struct ZR_DataFileState {
+    bool bExists = false;  // the slot holds a file
+    bool bClosed = false;  // SQL Server deleted it
+    bool bOpen = false;    // exists, not closed, and the driver knows it by its uniquifier
+    FileObjectUniquifier uniquifier{};
+};
+
+class ZR_Writers;
 
 class ZR_Database {
 public:
@@ -103,10 +119,12 @@ public:
     // counts every one. Any service thread; takes the lock of the chain.
     ZR_Backup* FindBackupFile(HANDLE hFile, int* piFile);
 
-    // Ends hydration for good: m_bCancel is never cleared. bDatabaseWasDeleted
-    // adds to m_bDatabaseWasDeleted. For now it only sets the two flags;
-    // ending and waiting for the hydration threads comes with hydration.
-    void CancelHydration(bool bDatabaseWasDeleted);
+    // Data files announced (filled slots from 1 on), and expected (the data
+    // file records of the differential's content map, or the full backup's).
+    int CountDataFiles();
+    int ExpectedDataFiles();
+    // A consistent look at slot iSlot, under m_cs and the table's lock.
+    ZR_DataFileState DataFileState(int iSlot);
     bool GetDatabaseWasDeleted() { return m_bDatabaseWasDeleted; }
 
     // Stores every backup file's largest transfer, in the full backup and
@@ -183,6 +201,55 @@ public:
     static std::atomic<int> ms_iNumLiveIOThreadsRequested;
     // --- end of live I/O ---
 
+    // --- Hydration (ZR_Hydration.cpp, ZR_DataFileHydration.cpp) ---
+    // Hydration fills the data files with every page they still lack, from
+    // the backups, through the driver (which alone writes them and keeps
+    // the bitmaps of what they hold), while live reads go on. It runs on the
+    // caller's thread and blocks until it has ended: complete (the driver
+    // reports nothing missing), or cancelled.
+    //
+    // One hydration at a time: BeginHydration claims the mount under m_cs
+    // (false when a hydration runs already), RunHydration runs it and ends
+    // the claim as its very last touch of the object. While the claim
+    // stands, CancelHydration (and so the destructor) waits for it to end.
+    // StartDataHydration is the two in a row.
+    void StartDataHydration();
+    bool BeginHydration();
+    void RunHydration();
+    // The whole of one hydration: waits for the data files, sizes and starts
+    // the threads, waits for them, tells the driver. True if it ran to its
+    // end without a cancel; the marker file is then renamed.
+    bool DataHydrate();
+    // Ends hydration for good (m_bCancel is never cleared) and waits until
+    // the hydration and a caller of WaitOnPercentChange have left. Holds no
+    // lock while it waits. bDatabaseWasDeleted adds to m_bDatabaseWasDeleted.
+    void CancelHydration(bool bDatabaseWasDeleted);
+    // Both always true. A paused hydration's threads finish the chunk in
+    // hand and wait; live reads go on.
+    bool PauseHydration();
+    bool ResumeHydration();
+    // Waits up to 10 s for a change of progress (none after a cancel), then
+    // gives progress in hundredths of a percent, 0 to 10,000; never less
+    // than it gave before. The caller marked itself with NotePercentWaiter.
+    int WaitOnPercentChange();
+    static constexpr int kFullPercent = 10000;
+    void NotePercentWaiter() { m_bPercentWaiter = true; }
+    // Bytes: what the driver's bitmaps or this run's pushes tell, whichever
+    // is further, and the total of the data files.
+    void GetPercentComplete(int64_t* piDone, int64_t* piTotal);
+    // Complete, or the database is gone.
+    bool IsHydrationDone();
+    // The file that gets ".completed" appended to its name at completion.
+    void SetHydrationMarker(const wchar_t* wszPath);
+    // Counted at the next hydration; 0 leaves the number to the sizing.
+    void SetNumHydrationThreads(int i) { m_iNumHydrationThreadsRequested = i; }
+    void SetNumWriterThreads(int i) { m_iNumWriterThreadsRequested = i; }
+    // Set by the library at every start and end of a hydration, at pause
+    // and resume: hydration threads of a mount whose order key is at or
+    // above it (when it is not 0) wait.
+    static std::atomic<int64_t> ms_iHydrationCutoff;
+    // --- end of hydration ---
+
     // Each frees the old string and keeps a copy of the new one.
     void SetMountKey(const wchar_t* wsz);
     void SetFilterVolume(const wchar_t* wsz);
@@ -201,9 +268,9 @@ public:
     // Read by every thread without a lock; grows but for the pair 9 and 10.
     std::atomic<int32_t> m_eState{ZR_VDB_STATE_NEW};
     std::atomic<bool> m_bCancel{false};               // hydration is to end now; never cleared
-    std::atomic<bool> m_bDatabaseWasDeleted{false};   // the last data file was deleted
-    int32_t m_eHydrationMode = ZR_HYDRATE_DATA_FILE;
-    uint8_t m_bHydrationPaused = 0;
+    std::atomic<bool> m_bDatabaseWasDeleted{false};   // the last data file was deleted, or a bitmap is corrupted
+    std::atomic<int32_t> m_eHydrationMode{ZR_HYDRATE_DATA_FILE};  // only advances within a hydration
+    std::atomic<bool> m_bHydrationPaused{false};
     HANDLE m_hHydrationDone = nullptr;        // manual-reset: DataHydrate has ended after a cancel
     HANDLE m_hHydrationThreadExit = nullptr;  // auto-reset: a hydration thread has ended
     HANDLE m_hPercentChange = nullptr;        // auto-reset: wakes WaitOnPercentChange
@@ -230,6 +297,47 @@ public:
     std::atomic<int32_t> m_iNumAllUnallocatedHydrations{0};  // hydration reads that found no page held
     std::atomic<int32_t> m_iNumLowAllocatedHydrations{0};    // ... that made fewer than 16 backup reads
     std::atomic<int32_t> m_iReadFileByBitmap{0};             // backup reads of hydration and live reads
+
+    // --- Hydration state. Flags and counters are read by the threads and
+    // the status calls without a lock; m_cs guards the claim, the thread
+    // counts and ids, m_pWriters and the per-thread arrays. ---
+    bool m_bHydrating = false;                      // under m_cs: the claim
+    std::atomic<bool> m_bPercentWaiter{false};      // a caller is in WaitOnPercentChange
+    std::atomic<bool> m_bHydrationThreadExited{false};
+    std::atomic<bool> m_bDataFilesCompletelyHydrated{false};
+    // This hydration cannot go on (a chunk that cannot be read, a driver
+    // that does not answer): it ends incomplete; a later one may try again.
+    std::atomic<bool> m_bHydrationFailed{false};
+    std::atomic<int64_t> m_iHydrationOrderKey{0};   // smaller keys hydrate first
+    wchar_t* m_pwszHydrationMarker = nullptr;       // owned; set before the claim
+    int32_t m_iNumHydrationThreads = 0;             // T of the last hydration
+    int32_t m_iNumWriterThreads = 0;                // W of the last hydration
+    std::atomic<int32_t> m_iNumHydrationThreadsRequested{0};
+    std::atomic<int32_t> m_iNumWriterThreadsRequested{0};
+    std::atomic<int32_t> m_iRunningHydrationThreads{0};
+    int32_t m_iNextHydrationThreadId = 0;           // under m_cs
+    std::unique_ptr<ZR_Writers> m_pWriters;         // under m_cs; during a hydration's threads
+    std::atomic<uint64_t> m_TotalHydratedByBackupPasses{0};  // bytes writers handed the driver
+    std::atomic<uint64_t> m_TotalHydratedByDataPasses{0};    // bytes the driver took in data-file mode
+    std::atomic<uint64_t> m_iTotalBytesToHydrate{0};         // the data files' sizes, added by each thread
+    // One slot per hydration thread, kept to the end of the object (under
+    // m_cs when made): what the driver's bitmaps hold of the thread's files,
+    // and how often the thread waited.
+    int32_t m_iNumHydrationSlots = 0;
+    std::unique_ptr<std::atomic<uint64_t>[]> m_piHydratedBytes;
+    std::unique_ptr<std::atomic<int32_t>[]> m_piNumHydrationSleeps_1;
+    std::unique_ptr<std::atomic<int32_t>[]> m_piNumHydrationSleeps_2;
+    std::atomic<int32_t> m_iLastPercent{0};         // progress never goes back
+    uint32_t m_iHydrationStartTime = 0;
+    uint32_t m_iHydrationEndTime = 0;
+    // Counters of the hydration report.
+    std::atomic<int32_t> m_HydrationModeSwitchCount{0}, m_HydrationPassCount{0}, m_DataDrivenHydrationPasses{0},
+        m_BackupDrivenHydrationPasses{0}, m_PartialExtentLeftForDataMode{0}, m_UnallocatedPageHydrations{0},
+        m_iNumMultipleDataFilesInSameSB{0}, m_iNumPreSyncForFullWriterQueue{0}, m_iNumQFullWaitingOnDriver{0},
+        m_iNumPoolOverflows{0}, m_DecompressorWaitingOnWriter{0}, m_WriterWaiting{0},
+        m_WriterBlockedBySQLServerIO{0}, m_iSecondsToLocateStart{0}, m_iSecondsSpentInDataFileMode{0},
+        m_iSecondsSpentInBackupFileMode{0};
+    // --- end of hydration state ---
 
     // --- Live I/O state. The lists, the blocks and m_iNumLiveBlocks are
     // guarded by m_csLiveIO; the counters are atomics so that reports may
@@ -270,6 +378,36 @@ private:
     struct PageReadTally;
     void CloseRun(const PageRun& run, ZR_ReadMode_e eMode, PageReadTally* pTally);
     void EnterRecoveryState();
+
+    // Hydration
+    struct HydrationScan;
+    void EndHydration();
+    bool HydrateWithDriver();
+    void SendPrepareHydrations();
+    bool WaitForDataFiles();
+    ZR_HydrationSizing SizeHydration();
+    void AllocHydrationSlots(int iThreads);
+    void NoteLiveIOFigures();
+    void RunHydrationThreads(const ZR_HydrationSizing& sizing);
+    void ChooseHydrationMode();
+    std::vector<HANDLE> StartHydrationThreads(int iThreads);
+    void WaitForHydrationThreads(std::vector<HANDLE>& aThreads);
+    void RenameHydrationMarker();
+    bool SendHydrationCleanups(bool bComplete);
+    void FlushMountCaches();
+    int PercentNow();
+    uint64_t HydratedBytesNow();
+    static unsigned HydrationProc(void* pThis);
+    // The wall clock in seconds, as the report's times are kept.
+    static uint32_t NowSeconds();
+    void DataHydrateThreadProc(int iThread);
+    bool HydrationEnding();
+    void* AllocReadBuffer(int iThread, uint32_t iBytes);
+    void PauseThread(int iThread, DWORD iMs);
+    bool MustWait();
+    HydrationScan ScanDataFiles(int iFirst, int iLimit);
+    void ReportProgress(uint64_t* piNextPercent);
+    bool HydrateChunk(int iThread, const ZR_HydrationRange& next, void* pBuffer);
 
     // Live I/O
     int LiveIOThreadsToStart();

@@ -12,6 +12,8 @@ ZR_API bool InitializeZR(int iUnused) {
     return true;
 }
 
+ZR_API void UninitializeForExit(void) { ZR::UninitializeForExit(); }
+
 ZR_API bool WrapMount(ZR_MountInfo* pInfo, wchar_t* wszKeyOut, unsigned int cchKeyOut) {
     if (!wszKeyOut || cchKeyOut == 0) {
         if (g_iTraceMode) TraceLine("ZR::WrapMount key buffer is null\n");

@@ -15,6 +15,7 @@
 
 ZR* ZR::g_pZR = nullptr;
 int ZR::g_iNumCPUs = 1;
+std::atomic<unsigned> ZR::g_iDecompressedCacheSize{12};
 wchar_t ZR::g_wszSparseFilesFolder[MAX_PATH] = {};
 wchar_t (&ZR::g_wszMapFilesFolder)[MAX_PATH] = ::g_wszMapFilesFolder;
 
@@ -222,8 +223,10 @@ void ZR::Remove(const wchar_t* wszKey) {
     if (ZR_Database* pDB = FindDatabase(wszKey)) {
         g_DBs.Remove(g_DBs.IndexOf(pDB), false);
         pDB->WaitUnpinned();
-        // The live reads still queued are served before the backups close
-        // under them; the destructor finds live I/O stopped.
+        // Hydration ends, and the live reads still queued are served, before
+        // the files and backups go under them; the destructor finds both
+        // stopped.
+        pDB->CancelHydration(false);
         pDB->StopLiveIORead();
         for (int iFileId = pDB->GetNumDataFileSlots() - 1; iFileId >= 1; --iFileId)
             pDB->RemoveDataFile(static_cast<uint16_t>(iFileId));

@@ -9,6 +9,7 @@
 // destroys.
 #pragma once
 
+#include <atomic>
 #include <cstdio>
 #include <list>
 #include <string>
@@ -141,7 +142,48 @@ public:
                                     const std::list<std::wstring>& With);
     // --- end of the data file names ---
 
+    // --- Status and control of a mount by its key (ZR_Control.cpp) ---
+    // Each takes the library lock, finds the database and answers; an
+    // unknown key answers false, 0 or nothing.
+    bool IsHydrating(const wchar_t* wszKey);        // state 9
+    bool IsHydrationPaused(const wchar_t* wszKey);  // state 10
+    bool IsRecoveryStage(const wchar_t* wszKey);    // state 8
+    bool IsDataCopyStage(const wchar_t* wszKey);    // state 7
+    bool AllDataFilesOpened(const wchar_t* wszKey);
+    // IsHydrationDone; *pbDeleted (when given) whether the database went.
+    bool DatabaseHydrationDone(const wchar_t* wszKey, bool* pbDeleted);
+    void GetPercentComplete(const wchar_t* wszKey, int64_t* piDone, int64_t* piTotal);
+    // Holds the lock only to find the mount and mark the wait; waits up to
+    // 10 s outside it. 0 for an unknown key.
+    int WaitOnPercentChange(const wchar_t* wszKey);
+    // Mounts that are not in state 10.
+    static int GetNumberOfActiveMounts();
+    // Runs the mount's hydration on the caller's thread until it has ended;
+    // nothing for an unknown key or a mount that hydrates already. The
+    // marker gets ".completed" appended to its name at completion; mounts
+    // with smaller order keys hydrate first when the number of active
+    // hydrations is limited. Takes the lock only around its start.
+    void StartDataHydration(const wchar_t* wszKey, const wchar_t* wszMarker, int64_t iOrderKey);
+    bool PauseHydration(const wchar_t* wszKey);
+    bool ResumeHydration(const wchar_t* wszKey);
+    // Counted at the mount's next hydration; false for an unknown key.
+    bool SetNumHydrationThreads(const wchar_t* wszKey, int iThreads);
+    bool SetNumWriterThreads(const wchar_t* wszKey, int iThreads);
+    void SetMaxTransferSize(const wchar_t* wszKey, int iSize);
+    // Stores the limit of hydrations that run at once (default 1,000), then
+    // works the cut-off out at once.
+    void SetMaxActiveHydrations(int iMaxActive);
+    // Of the mounts that hydrate (state 9, not done), the iMaxActive with
+    // the smallest order keys run; the others wait until the list changes.
+    // Called at every start and end of a hydration, at pause and resume.
+    void DetermineHydrationCutoff(int iMaxActive);
+    static std::atomic<int> ms_iMaxActiveHydrations;
+    // --- end of status and control ---
+
     static int g_iNumCPUs;
+    // The size of the caches of decompressed blocks (SetDecompressedCacheSize);
+    // the block caches of compressed backups read it.
+    static std::atomic<unsigned> g_iDecompressedCacheSize;
     static wchar_t g_wszSparseFilesFolder[MAX_PATH];  // empty at load
     static wchar_t (&g_wszMapFilesFolder)[MAX_PATH];  // the map files' folder (maps/X_MapFile.h)
 
@@ -151,6 +193,9 @@ private:
     // a Backups name) mounted.
     ZR_Database* Mount(ZR_FileInfo* pFileInfo);
     ZR_Database* MountImplicit(ZR_FileInfo* pFileInfo);
+    // fAnswer(pDB) under the library lock, or none for an unknown key.
+    template <class R, class Answer>
+    R WithDatabase(const wchar_t* wszKey, R none, Answer fAnswer);
 
     void Init();
     void Fini();

@@ -497,12 +497,16 @@ long _wtol(const wchar_t* s);
 // ---------------------------------------------------------------------------
 // GUIDs
 // ---------------------------------------------------------------------------
-struct GUID {
+// The public header may have declared it first, in the same layout.
+#ifndef GUID_DEFINED
+#define GUID_DEFINED
+typedef struct _GUID {
     uint32_t Data1;
     uint16_t Data2;
     uint16_t Data3;
     uint8_t Data4[8];
-};
+} GUID;
+#endif
 using UUID = GUID;
 using RPC_STATUS = long;
 using RPC_WSTR = wchar_t*;

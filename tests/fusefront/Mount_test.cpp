@@ -7,6 +7,7 @@
 // /proc/self/mounts.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -376,6 +377,53 @@ TEST_F(MountLife, ReadersGetTheirPagesAndAnInterruptedMountLeavesThemForTheNext)
     EXPECT_NE(again.Run().sOut.find("Maps: read from the map folder, no scan."), std::string::npos) << again.Run().sOut;
     const std::string present = std::to_string(iPages) + " of " + std::to_string(iPages) + " pages present";
     EXPECT_NE(again.Run().sOut.find(present), std::string::npos) << again.Run().sOut;
+}
+
+// --restore --hydrate --json in the foreground: the restore step writes the
+// first extent, hydration the rest, and the sparse file ends as the
+// reference while the progress rises to 100; the marker is renamed, SIGTERM
+// (as Ctrl-C: a background job of a script ignores SIGINT) ends the
+// process, and the next mount finds every page present.
+TEST_F(MountLife, HydrateFillsTheSparseFilesAndShowsItsProgress) {
+    const MtfSqlFile file = DataFiles(m_chain.Paths(m_chain.diff)).at(0);
+    MountedChain reference(m_chain.Paths(m_chain.full), m_chain.Paths(m_chain.diff), MountedChain::LiveIO::kQueueOnly);
+    ASSERT_TRUE(reference.Ready()) << reference.Error();
+    std::string command = "XDG_CACHE_HOME=" + (m_scratch / "cache").string() + " " + ZirlaneProgram().string() +
+                          " mount --restore --hydrate --json";
+    for (const std::string& arg : m_chain.Args()) command += " '" + arg + "'";
+    const fs::path out = m_scratch / "out", point = m_scratch / "mnt";
+    fs::create_directories(point);
+    ASSERT_EQ(Shell(command + " " + point.string() + " >" + out.string() + " 2>" + (m_scratch / "err").string() +
+                    " &\npid=$!\nfor i in $(seq 300); do grep -q '\"state\":\"complete\"' " + out.string() +
+                    " && break; sleep 0.1; done\nkill -TERM $pid\nwait $pid\n"),
+              0)
+        << Slurp(m_scratch / "err");
+    EXPECT_FALSE(IsMounted(point));
+
+    const std::string output = Slurp(out);
+    std::smatch m;
+    ASSERT_TRUE(std::regex_search(output, m, std::regex("\\(key (GUID=[-0-9A-F]+)\\)"))) << output;
+    const fs::path sparse = m_scratch / "cache/zirlane/sparse" / m[1].str();
+    std::vector<double> percents;
+    std::string state;
+    const std::regex line("\\{\"state\":\"([a-z]+)\",\"percent\":([0-9.]+),");
+    for (auto it = std::sregex_iterator(output.begin(), output.end(), line); it != std::sregex_iterator(); ++it) {
+        state = (*it)[1];
+        percents.push_back(std::stod((*it)[2]));
+    }
+    ASSERT_FALSE(percents.empty()) << output;
+    EXPECT_TRUE(std::is_sorted(percents.begin(), percents.end())) << output;
+    EXPECT_EQ(state, "complete");
+    EXPECT_EQ(percents.back(), 100.0);
+    EXPECT_TRUE(fs::exists(sparse.string() + ".hydrating.completed"));
+    ExpectSameBytes(Slurp(sparse.string() + "!" + std::to_string(file.fileId) + ".mcf"), Reference(reference, file),
+                    "the sparse file");
+
+    BackgroundMount again(m_scratch, m_chain.Args());
+    ASSERT_TRUE(again.Ready()) << again.Run().sErr;
+    const std::string iPages = std::to_string(file.fileSize / kPage);
+    EXPECT_NE(again.Run().sOut.find(iPages + " of " + iPages + " pages present"), std::string::npos)
+        << again.Run().sOut;
 }
 
 // Writes stay, as SQL Server's do: a page written and a file grown are

@@ -32,6 +32,7 @@
 #include "support/ErrorText.h"
 #include "support/PageFormat.h"
 #include "support/PosixFileIo.h"
+#include "support/RealChains.h"
 #include "support/ServiceMount.h"
 #include "support/SqlServerEmulator.h"
 #include "support/TestData.h"
@@ -45,26 +46,8 @@ namespace {
 
 const std::string kDouble = "appveyor-lab/DoubleDiffing/";
 const std::string kClean = "appveyor-lab/RestoreTimeClean/";
-const std::string kStripe = "appveyor-lab/sql2008-backups/RestoreTimeStripe/";
-const std::string kDb2 = "appveyor-lab/sql2008-backups/db2/";
-const std::string kStDb2 = "gabrujo-WebDevelopment/StDb2EFRP/StDb2Sql.bak";
 constexpr std::uint32_t kLargestRead = 0x100000;
 constexpr auto kPatience = 10s;
-
-// A chain of the test data, its paths relative to the test data folder.
-struct Chain {
-    std::string strName;
-    MountRequest request;
-};
-
-// gtest names a chain by its name.
-void PrintTo(const Chain& chain, std::ostream* pOut) { *pOut << chain.strName; }
-
-MountRequest InTestData(MountRequest request) {
-    for (auto* pFiles : {&request.full, &request.diff, &request.logs})
-        for (fs::path& file : *pFiles) file = TestDataDir().value() / file;
-    return request;
-}
 
 // The data files' sizes as the last data backup of the request records them.
 std::map<std::uint16_t, std::uint64_t> RecordedSizes(const MountRequest& request) {
@@ -253,7 +236,7 @@ protected:
 // Every chain of versions 9 and 10 in the test data
 // ---------------------------------------------------------------------------
 
-class EveryChain : public DriverMount, public testing::WithParamInterface<Chain> {};
+class EveryChain : public DriverMount, public testing::WithParamInterface<RealChain> {};
 
 TEST_P(EveryChain, ServesEveryPageOfItsDataFilesFromTheBackups) {
     const MountRequest request = InTestData(GetParam().request);
@@ -278,36 +261,8 @@ TEST_P(EveryChain, ServesEveryPageOfItsDataFilesFromTheBackups) {
     }
 }
 
-const Chain kChains[] = {
-    {"DoubleDiffingFullMoved",
-     {.full = {kDouble + "difftest-full.bak"}, .wszWith = L"move 'DoubleDiff' to 'D:\\Moved\\double''diff.mdf'"}},
-    {"DoubleDiffingFirstDiff", {.full = {kDouble + "difftest-full.bak"}, .diff = {kDouble + "difftest-diff1.bak"}}},
-    {"DoubleDiffingSecondDiff", {.full = {kDouble + "difftest-full.bak"}, .diff = {kDouble + "difftest-diff2.bak"}}},
-    {"RestoreTimeCleanFull", {.full = {kClean + "RestoreTimeClean.bak"}}},
-    {"RestoreTimeCleanDiff", {.full = {kClean + "RestoreTimeClean.bak"}, .diff = {kClean + "RestoreTimeClean2.bak"}}},
-    {"RestoreTimeCleanDiffLogsToAStop",
-     {.full = {kClean + "RestoreTimeClean.bak"},
-      .diff = {kClean + "RestoreTimeClean2.bak"},
-      .logs = {kClean + "RestoreTimeClean2_1.trn", kClean + "RestoreTimeClean2_2.trn",
-               kClean + "RestoreTimeClean2_3.trn"},
-      .wszStop = L"STOPAT='2017-06-01 13:25:00'"}},
-    {"PasswordFull", {.full = {"appveyor-lab/backuppassword/passwd.bak"}}},
-    {"StripedFullInReverseOrder",
-     {.full = {kStripe + "Stripe2/RestoreTimeStripe1.bak", kStripe + "Stripe1/RestoreTimeStripe.bak"}}},
-    {"StripedSecondFull",
-     {.full = {kStripe + "Stripe1/RestoreTimeStripe2.bak", kStripe + "Stripe2/RestoreTimeStripe2a.bak"}}},
-    {"Db2Full", {.full = {kDb2 + "FULL/SQL2008_db2_FULL_20170518_041738.bak"}}},
-    {"Db2Diff",
-     {.full = {kDb2 + "FULL/SQL2008_db2_FULL_20170518_041738.bak"},
-      .diff = {kDb2 + "DIFF/SQL2008_db2_DIFF_20170518_041819.bak"}}},
-    {"UserLoginFull", {.full = {"KhanhHoang123-Lap-trinh-web/backup.bak"}}},
-    {"NorthwindFull", {.full = {"xandelima-MVCNorthwind/Northwind.bak"}}},
-    {"StDb2SqlFirstSet", {.full = {kStDb2}}},
-    {"StDb2SqlSecondSet", {.full = {kStDb2}, .iDataSet = 2, .wszWith = L"FILE = 2"}},
-};
-
-INSTANTIATE_TEST_SUITE_P(RealBackups, EveryChain, testing::ValuesIn(kChains),
-                         [](const testing::TestParamInfo<Chain>& param) { return param.param.strName; });
+INSTANTIATE_TEST_SUITE_P(RealBackups, EveryChain, testing::ValuesIn(RealChains()),
+                         [](const testing::TestParamInfo<RealChain>& param) { return param.param.strName; });
 
 // ---------------------------------------------------------------------------
 // One mount, what happens on the way

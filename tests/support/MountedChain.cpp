@@ -68,7 +68,7 @@ void SetBit(std::vector<std::uint8_t>& bitmap, std::uint32_t i) {
     bitmap[i >> 3] |= static_cast<std::uint8_t>(0x80 >> (i & 7));
 }
 
-PageRead RandomRead(const MountedChain& chain, std::mt19937& rng) {
+PageRead RandomRead(const ChainReference& chain, std::mt19937& rng) {
     const auto held = chain.HeldExtents();
     const auto [fileId, extent] = held[rng() % held.size()];
     const std::int64_t first = std::max<std::int64_t>(0, std::int64_t{extent} + std::int64_t(rng() % 48) - 16);

@@ -45,6 +45,7 @@ public:
     }
     // (file id, first page) of every extent that a backup holds.
     std::vector<std::pair<std::uint16_t, std::uint32_t>> HeldExtents() const { return m_reference.HeldExtents(); }
+    const ChainReference& Reference() const { return m_reference; }
 
 private:
     TempDir m_maps;
@@ -88,7 +89,8 @@ struct PageRead {
 
 // Up to 96 pages near a held extent (so that reads meet held pages, gaps
 // and the ends of files), about a quarter of them not wanted.
-PageRead RandomRead(const MountedChain& chain, std::mt19937& rng);
+PageRead RandomRead(const ChainReference& chain, std::mt19937& rng);
+inline PageRead RandomRead(const MountedChain& chain, std::mt19937& rng) { return RandomRead(chain.Reference(), rng); }
 
 // A wanted page is the chain's page or, where no backup holds it, what the
 // buffer held before under a zeroed header; other pages are untouched.

@@ -53,6 +53,7 @@ bool ServiceMount::Mount(const MountRequest& request) {
     if (request.wszStop && !SetStop(m_pInfo, request.wszStop))
         return Fail("SetStop refuses " + Narrow(request.wszStop));
     if (request.wszWith) AddWith(m_pInfo, 1, request.wszWith);
+    if (request.wszGuid && SetGuid(m_pInfo, request.wszGuid) != 0) return Fail("SetGuid refuses the GUID");
     wchar_t wszKey[300] = {};
     const bool bMounted = WrapMount(m_pInfo, wszKey, 299);
     m_strKey = wszKey;

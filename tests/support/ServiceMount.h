@@ -26,6 +26,9 @@ struct MountRequest {
     const wchar_t* wszStop = nullptr;              // as SetStop takes it
     int iDataSet = 1;
     const wchar_t* wszWith = nullptr;  // an option of the full backup's statement
+    // The mount's GUID, which makes its key "GUID=" and the GUID in
+    // capitals; a new one when null.
+    const wchar_t* wszGuid = nullptr;
 };
 
 class ServiceMount {

@@ -13,6 +13,8 @@ struct ZirlaneMountOptions {
     std::string mountPoint;
     bool bRestore = false;
     bool bBackground = false;
+    bool bHydrate = false;  // fill the sparse files from the backups while serving
+    bool bJson = false;     // the hydration's progress as JSON lines on stdout
     bool bAllowOther = false;
 };
 

@@ -1,5 +1,6 @@
 // zirlane mount [--map-folder DIR] [--sparse-folder DIR] [--database NAME] --full FILE... [--diff FILE...]
-//               [--log FILE...]... [--stop CLAUSE] [--restore] [-d|--background] [--allow-other] MOUNTPOINT
+//               [--log FILE...]... [--stop CLAUSE] [--restore] [--hydrate [--json]] [-d|--background]
+//               [--allow-other] MOUNTPOINT
 // zirlane umount MOUNTPOINT
 #include <memory>
 
@@ -18,6 +19,13 @@ void AddMountCommand(CLI::App& app, int* piExit) {
         ->default_str(pOptions->sparseFolder);
     pCmd->add_flag("--restore", pOptions->bRestore,
                    "Do the restore step here, for use without SQL Server: each data file is then readable in full");
+    CLI::Option* pHydrate = pCmd->add_flag(
+        "--hydrate", pOptions->bHydrate,
+        "Once the mount is ready, fill the data files' sparse files from the backups while the mount serves, "
+        "showing the progress: every page but the first extent of each file, which the restore writes (--restore, "
+        "or SQL Server's RESTORE). An interrupted fill goes on at the next mount of the chain");
+    pCmd->add_flag("--json", pOptions->bJson, "With --hydrate: the progress as one JSON object a line on stdout")
+        ->needs(pHydrate);
     pCmd->add_flag("-d,--background", pOptions->bBackground,
                    "Go into the background once the mount is ready, and say how to unmount it");
     pCmd->add_flag("--allow-other", pOptions->bAllowOther,

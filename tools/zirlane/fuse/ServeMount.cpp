@@ -71,6 +71,7 @@ int ZirlaneServeMount(const ZirlaneMountOptions& given) {
     if (!options.bBackground)
         std::printf("\nServing until Ctrl-C, or zirlane umount %s.\n", options.mountPoint.c_str());
     ZR_ServerProcess::Ready();
+    if (options.bHydrate) mount.Hydrate();
     mount.Serve();
     return ZIRLANE_EXIT_OK;
 }

@@ -11,6 +11,7 @@
 #include "backup/ZR_ScanFull.h"
 #include "backupio/ZR_IOStats.h"
 #include "filterdriver/ZR_FilterDriver.h"
+#include "fuse/MountHydration.h"
 #include "fusefront/ZR_FuseFront.h"
 #include "fusefront/ZR_ServerProcess.h"
 #include "maps/X_MapFile.h"
@@ -342,6 +343,14 @@ void ZirlaneMount::Report() {
     std::fflush(stdout);
 }
 
+void ZirlaneMount::Hydrate() {
+    std::vector<ZirlaneHydration::DataFile> files;
+    for (const File& file : m_aFiles)
+        if (!file.name.empty()) files.push_back({file.name, file.wsMovedTo});
+    m_pHydration = std::make_unique<ZirlaneHydration>(
+        m_wsKey, m_Options.sparseFolder + "/" + ZirlaneUtf8(m_wsKey) + ".hydrating", files, m_Options.bJson);
+}
+
 void ZirlaneMount::Serve() {
     if (m_pFront) m_pFront->Serve();
 }
@@ -349,6 +358,7 @@ void ZirlaneMount::Serve() {
 void ZirlaneMount::Remove() {
     m_pFront.reset();
     if (m_bMounted) ZR::GetZR()->Remove(m_wsKey.c_str());
+    m_pHydration.reset();
     ZR::UninitializeForExit();
     ZR_FilterDriver::Stop(true);
     if (m_pInfo) FreeMountInfo(m_pInfo);

@@ -1,9 +1,10 @@
 // The life of one mount of zirlane mount, in this order: Prepare (the
 // library mounts the chain, and the statements are made), Restore (with
 // --restore), Expose (the FUSE mount), Report, Serve (until interrupted or
-// unmounted); the destructor removes what stands, the FUSE mount first,
-// then the library's mount, then the driver, which stores the bitmaps so
-// that the next mount of the chain finds the pages it holds.
+// unmounted), Hydrate (with --hydrate) before Serve; the destructor
+// removes what stands, the FUSE mount first, then the library's mount,
+// which ends a hydration, then the driver, which stores the bitmaps so that
+// the next mount of the chain finds the pages it holds.
 //
 // Names: a data file is moved by the statements to "C:<mount point>\<name>",
 // which SQL Server on Linux opens as <mount point>/<name>; the views are
@@ -21,6 +22,7 @@
 #include "backup/SQL_Records.h"
 
 class ZR_FuseFront;
+class ZirlaneHydration;
 class ZR_MountInfo;
 
 class ZirlaneMount {
@@ -37,6 +39,9 @@ public:
     bool Expose();
     // Prints what stands under the mount point and the statements.
     void Report();
+    // Starts filling the sparse files (--hydrate), which goes on while
+    // Serve runs and ends, complete or not, with the mount.
+    void Hydrate();
     void Serve();
     // The mount key, under which the library records the mount's failures;
     // empty before Prepare has made it.
@@ -79,4 +84,5 @@ private:
     std::vector<std::string> m_aRestores;  // the statements, as they were printed
     std::string m_attach;
     std::unique_ptr<ZR_FuseFront> m_pFront;
+    std::unique_ptr<ZirlaneHydration> m_pHydration;
 };
