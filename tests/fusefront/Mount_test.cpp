@@ -1,7 +1,7 @@
 // zirlane mount end to end, driven as a user drives it: the program mounts
 // a chain in the background, plain reads (std::ifstream, dd, cmp) go
 // through the kernel, and zirlane umount removes the mount. Every data file
-// is held against the test walker's naive restore (through MountedChain:
+// is held against the test walker's naive restore (through ChainReference:
 // zeros where no backup holds a page), every view against what zirlane
 // view writes. Each test removes its mount whatever happens and checks
 // /proc/self/mounts.
@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <optional>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -20,7 +21,9 @@
 #include <vector>
 
 #include "support/CliRun.h"
-#include "support/MountedChain.h"
+#include "support/ChainReference.h"
+#include "support/ErrorText.h"
+#include "support/RealChains.h"
 #include "support/MtfWalker.h"
 #include "support/TestData.h"
 #include "support/PosixFileIo.h"
@@ -32,9 +35,8 @@ using namespace zrtest;
 namespace {
 
 constexpr uint32_t kPage = 8192;
-const char kClean[] = "appveyor-lab/RestoreTimeClean/";
-const char kDiffs[] = "appveyor-lab/DoubleDiffing/";
-const char kStripes[] = "appveyor-lab/sql2008-backups/RestoreTimeStripe/";
+const std::string kClean = "appveyor-lab/RestoreTimeClean/";
+const std::string kDiffs = "appveyor-lab/DoubleDiffing/";
 
 std::string Slurp(const fs::path& path) {
     std::ifstream in(path, std::ios::binary);
@@ -72,39 +74,33 @@ std::string WhyNoMounts() {
         if (std::string why = WhyNoMounts(); !why.empty()) GTEST_SKIP() << why;      \
     } while (0)
 
-// A chain by its files, relative to the test data.
-struct Chain {
-    std::string name;
-    std::vector<std::string> full, diff;
-    std::vector<std::vector<std::string>> logs;
-    std::string stop;
+// The chains that zirlane mount takes: the first data set of each file
+// (the mount has no --data-set), WITH options left to the library's tests.
+std::vector<RealChain> MountableChains() {
+    std::vector<RealChain> chains;
+    for (const RealChain& chain : RealChains())
+        if (chain.request.iDataSet == 1) chains.push_back({chain.strName, InTestData(chain.request)});
+    return chains;
+}
 
-    std::vector<fs::path> Paths(const std::vector<std::string>& files) const {
-        std::vector<fs::path> paths;
-        for (const std::string& f : files) paths.push_back(*TestDataFile(f));
-        return paths;
-    }
-    // Statement k restores backup k: the full backup, the differential, the logs.
-    std::vector<std::vector<std::string>> Backups() const {
-        std::vector<std::vector<std::string>> backups{full};
-        if (!diff.empty()) backups.push_back(diff);
-        backups.insert(backups.end(), logs.begin(), logs.end());
-        return backups;
-    }
-    std::vector<std::string> Args() const {
-        std::vector<std::string> args{"--full"};
-        auto add = [&](const std::vector<std::string>& files) {
-            for (const std::string& f : files) args.push_back(TestDataFile(f)->string());
-        };
-        add(full);
-        if (!diff.empty()) args.push_back("--diff"), add(diff);
-        for (const auto& log : logs) args.push_back("--log"), add(log);
-        if (!stop.empty()) args.insert(args.end(), {"--stop", stop});
-        return args;
-    }
-};
+// Statement k restores backup k: the full backup, the differential, each log.
+std::vector<std::vector<fs::path>> Backups(const MountRequest& chain) {
+    std::vector<std::vector<fs::path>> backups{chain.full};
+    if (!chain.diff.empty()) backups.push_back(chain.diff);
+    for (const fs::path& log : chain.logs) backups.push_back({log});
+    return backups;
+}
 
-void PrintTo(const Chain& chain, std::ostream* pOut) { *pOut << chain.name; }
+std::vector<std::string> Args(const MountRequest& chain) {
+    std::vector<std::string> args;
+    const auto backups = Backups(chain);
+    for (size_t k = 0; k < backups.size(); ++k) {
+        args.push_back(k == 0 ? "--full" : k == 1 && !chain.diff.empty() ? "--diff" : "--log");
+        for (const fs::path& file : backups[k]) args.push_back(file.string());
+    }
+    if (chain.wszStop) args.insert(args.end(), {"--stop", Narrow(chain.wszStop)});
+    return args;
+}
 
 // zirlane mount --background at scratch/mnt, removed by the destructor
 // (zirlane umount, then fusermount3 -u if that left it), which waits until
@@ -188,7 +184,7 @@ std::string LastComponent(const std::string& path) { return path.substr(path.fin
 
 // What a data file must read as: the chain's pages, zeros where no backup
 // holds one.
-std::string Reference(const MountedChain& reference, const MtfSqlFile& file) {
+std::string Reference(const ChainReference& reference, const MtfSqlFile& file) {
     std::string bytes(file.fileSize, '\0');
     for (uint32_t page = 0; uint64_t(page) * kPage < file.fileSize; ++page)
         if (const uint8_t* p = reference.ExpectedPage(static_cast<uint16_t>(file.fileId), page))
@@ -207,7 +203,7 @@ void ExpectSameBytes(const std::string& got, const std::string& want, const std:
 // Every chain: the data files and the views through the mount
 // ---------------------------------------------------------------------------
 
-class MountedChains : public testing::TestWithParam<Chain> {};
+class MountedChains : public testing::TestWithParam<RealChain> {};
 
 // With --restore each data file reads whole through the mount as the naive
 // restore has it, the folder lists the views of the statements and the
@@ -215,18 +211,18 @@ class MountedChains : public testing::TestWithParam<Chain> {};
 // zirlane view writes.
 TEST_P(MountedChains, DataFilesAndViewsReadAsTheReferenceAndZirlaneView) {
     ZR_REQUIRE_MOUNTS();
-    const Chain& chain = GetParam();
+    const MountRequest& chain = GetParam().request;
     TempDir scratch;
-    std::vector<std::string> args = chain.Args();
+    std::vector<std::string> args = Args(chain);
     args.push_back("--restore");
     BackgroundMount mount(scratch, args);
     ASSERT_TRUE(mount.Ready()) << mount.Run().sOut << mount.Run().sErr;
 
-    MountedChain reference(chain.Paths(chain.full), chain.Paths(chain.diff), MountedChain::LiveIO::kQueueOnly);
-    ASSERT_TRUE(reference.Ready()) << reference.Error();
+    ChainReference reference(chain.full, chain.diff);
+    ASSERT_EQ(reference.Error(), "");
     std::set<std::string> listed, expected;
     for (const auto& entry : fs::directory_iterator(mount.Point())) listed.insert(entry.path().filename().string());
-    for (const MtfSqlFile& file : DataFiles(chain.Paths(chain.diff.empty() ? chain.full : chain.diff))) {
+    for (const MtfSqlFile& file : DataFiles(chain.diff.empty() ? chain.full : chain.diff)) {
         const std::string name = LastComponent(file.physicalName);
         expected.insert(name);
         EXPECT_EQ(fs::file_size(mount.Point() / name), file.fileSize) << name;
@@ -234,7 +230,7 @@ TEST_P(MountedChains, DataFilesAndViewsReadAsTheReferenceAndZirlaneView) {
     }
 
     const auto views = mount.StatementViews();
-    const auto backups = chain.Backups();
+    const auto backups = Backups(chain);
     ASSERT_EQ(views.size(), backups.size()) << mount.Run().sOut;
     for (size_t k = 0; k < backups.size(); ++k) {
         for (size_t i = 0; i < views[k].size(); ++i) {
@@ -242,7 +238,7 @@ TEST_P(MountedChains, DataFilesAndViewsReadAsTheReferenceAndZirlaneView) {
             expected.insert(name);
             std::vector<std::string> view{"view", "--stripe", std::to_string(i + 1), "-o", (scratch / "ref").string()};
             if (k == 0 && !chain.diff.empty()) view.push_back("--diff-follows");
-            for (const fs::path& f : chain.Paths(backups[k])) view.push_back(f.string());
+            for (const fs::path& f : backups[k]) view.push_back(f.string());
             CliRun written = RunZirlane(view, scratch.path());
             ASSERT_EQ(written.iExit, 0) << written.sErr;
             const std::string want = Slurp(scratch / "ref");
@@ -257,34 +253,8 @@ TEST_P(MountedChains, DataFilesAndViewsReadAsTheReferenceAndZirlaneView) {
     EXPECT_EQ(listed, expected);
 }
 
-const Chain kChains[] = {
-    {"UserLogin", {"KhanhHoang123-Lap-trinh-web/backup.bak"}, {}, {}, ""},
-    {"Northwind", {"xandelima-MVCNorthwind/Northwind.bak"}, {}, {}, ""},
-    {"StDb2Sql", {"gabrujo-WebDevelopment/StDb2EFRP/StDb2Sql.bak"}, {}, {}, ""},
-    {"Passwd", {"appveyor-lab/backuppassword/passwd.bak"}, {}, {}, ""},
-    {"Db2Full", {"appveyor-lab/sql2008-backups/db2/FULL/SQL2008_db2_FULL_20170518_041738.bak"}, {}, {}, ""},
-    {"DoubleDiffFull", {std::string(kDiffs) + "difftest-full.bak"}, {}, {}, ""},
-    {"DoubleDiff1", {std::string(kDiffs) + "difftest-full.bak"}, {std::string(kDiffs) + "difftest-diff1.bak"}, {}, ""},
-    {"DoubleDiff2", {std::string(kDiffs) + "difftest-full.bak"}, {std::string(kDiffs) + "difftest-diff2.bak"}, {}, ""},
-    {"CleanFull", {std::string(kClean) + "RestoreTimeClean.bak"}, {}, {}, ""},
-    {"CleanDiff", {std::string(kClean) + "RestoreTimeClean.bak"}, {std::string(kClean) + "RestoreTimeClean2.bak"}, {}, ""},
-    {"CleanLogsStop",
-     {std::string(kClean) + "RestoreTimeClean.bak"},
-     {std::string(kClean) + "RestoreTimeClean2.bak"},
-     {{std::string(kClean) + "RestoreTimeClean2_1.trn"},
-      {std::string(kClean) + "RestoreTimeClean2_2.trn"},
-      {std::string(kClean) + "RestoreTimeClean2_3.trn"}},
-     "STOPAT=2017-06-01 13:10:00"},
-    {"StripesReversed",
-     {std::string(kStripes) + "Stripe2/RestoreTimeStripe1.bak", std::string(kStripes) + "Stripe1/RestoreTimeStripe.bak"},
-     {}, {}, ""},
-    {"Stripes2",
-     {std::string(kStripes) + "Stripe1/RestoreTimeStripe2.bak", std::string(kStripes) + "Stripe2/RestoreTimeStripe2a.bak"},
-     {}, {}, ""},
-};
-
-INSTANTIATE_TEST_SUITE_P(RealBackups, MountedChains, testing::ValuesIn(kChains),
-                         [](const testing::TestParamInfo<Chain>& param) { return param.param.name; });
+INSTANTIATE_TEST_SUITE_P(RealBackups, MountedChains, testing::ValuesIn(MountableChains()),
+                         [](const testing::TestParamInfo<RealChain>& param) { return param.param.strName; });
 
 // Without --restore, the SQL Server emulator runs the printed statements
 // and reads the database with plain file calls (open, pread, pwrite,
@@ -292,9 +262,9 @@ INSTANTIATE_TEST_SUITE_P(RealBackups, MountedChains, testing::ValuesIn(kChains),
 // page it reads is the reference's.
 TEST_P(MountedChains, TheSqlServerEmulatorRestoresAndReadsThroughTheMount) {
     ZR_REQUIRE_MOUNTS();
-    const Chain& chain = GetParam();
+    const MountRequest& chain = GetParam().request;
     TempDir scratch;
-    BackgroundMount mount(scratch, chain.Args());
+    BackgroundMount mount(scratch, Args(chain));
     ASSERT_TRUE(mount.Ready()) << mount.Run().sOut << mount.Run().sErr;
     PosixFileIo files("/");
     SqlServerEmulator server(files);
@@ -311,9 +281,9 @@ TEST_P(MountedChains, TheSqlServerEmulatorRestoresAndReadsThroughTheMount) {
     for (const auto& [iFileId, file] : server.DataFiles())
         EXPECT_EQ(files.PathOf(file.strName).parent_path(), mount.Point()) << iFileId;
     ASSERT_TRUE(server.OpenDataFiles()) << server.Error();
-    MountedChain reference(chain.Paths(chain.full), chain.Paths(chain.diff), MountedChain::LiveIO::kQueueOnly);
-    ASSERT_TRUE(reference.Ready()) << reference.Error();
-    for (const MtfSqlFile& file : DataFiles(chain.Paths(chain.diff.empty() ? chain.full : chain.diff))) {
+    ChainReference reference(chain.full, chain.diff);
+    ASSERT_EQ(reference.Error(), "");
+    for (const MtfSqlFile& file : DataFiles(chain.diff.empty() ? chain.full : chain.diff)) {
         std::string bytes(file.fileSize, '\0');
         uint32_t cbRead = 0;
         ASSERT_EQ(server.ReadData(static_cast<uint16_t>(file.fileId), 0, bytes.data(),
@@ -330,9 +300,15 @@ TEST_P(MountedChains, TheSqlServerEmulatorRestoresAndReadsThroughTheMount) {
 
 class MountLife : public testing::Test {
 protected:
-    void SetUp() override { ZR_REQUIRE_MOUNTS(); }
+    void SetUp() override {
+        ZR_REQUIRE_MOUNTS();
+        m_chain = InTestData({.full = {kDiffs + "difftest-full.bak"}, .diff = {kDiffs + "difftest-diff1.bak"}});
+        m_reference.emplace(m_chain.full, m_chain.diff);
+        ASSERT_EQ(m_reference->Error(), "");
+    }
 
-    const Chain m_chain{"DoubleDiff1", {std::string(kDiffs) + "difftest-full.bak"}, {std::string(kDiffs) + "difftest-diff1.bak"}, {}, ""};
+    MountRequest m_chain;
+    std::optional<ChainReference> m_reference;
     TempDir m_scratch;
 };
 
@@ -341,14 +317,12 @@ protected:
 // the process ends within seconds. The next mount of the chain reads its
 // maps instead of scanning and finds every page that was read present.
 TEST_F(MountLife, ReadersGetTheirPagesAndAnInterruptedMountLeavesThemForTheNext) {
-    const MtfSqlFile file = DataFiles(m_chain.Paths(m_chain.diff)).at(0);
+    const MtfSqlFile file = DataFiles(m_chain.diff).at(0);
     const std::string name = LastComponent(file.physicalName);
     const uint64_t iPages = file.fileSize / kPage;
-    MountedChain reference(m_chain.Paths(m_chain.full), m_chain.Paths(m_chain.diff), MountedChain::LiveIO::kQueueOnly);
-    ASSERT_TRUE(reference.Ready()) << reference.Error();
-    std::ofstream(m_scratch / "ref", std::ios::binary) << Reference(reference, file);
+    std::ofstream(m_scratch / "ref", std::ios::binary) << Reference(*m_reference, file);
     {
-        BackgroundMount mount(m_scratch, m_chain.Args());
+        BackgroundMount mount(m_scratch, Args(m_chain));
         ASSERT_TRUE(mount.Ready()) << mount.Run().sErr;
         const std::string vars = "mnt=\"" + (mount.Point() / name).string() + "\"; ref=" + (m_scratch / "ref").string() +
                                  "; pages=" + std::to_string(iPages) + "\n";
@@ -372,7 +346,7 @@ TEST_F(MountLife, ReadersGetTheirPagesAndAnInterruptedMountLeavesThemForTheNext)
         EXPECT_EQ(mount.WaitForServerEnd(), 0) << "the server did not end within 10 s of kill -TERM";
         EXPECT_FALSE(IsMounted(mount.Point()));
     }
-    BackgroundMount again(m_scratch, m_chain.Args());
+    BackgroundMount again(m_scratch, Args(m_chain));
     ASSERT_TRUE(again.Ready()) << again.Run().sErr;
     EXPECT_NE(again.Run().sOut.find("Maps: read from the map folder, no scan."), std::string::npos) << again.Run().sOut;
     const std::string present = std::to_string(iPages) + " of " + std::to_string(iPages) + " pages present";
@@ -385,12 +359,10 @@ TEST_F(MountLife, ReadersGetTheirPagesAndAnInterruptedMountLeavesThemForTheNext)
 // (as Ctrl-C: a background job of a script ignores SIGINT) ends the
 // process, and the next mount finds every page present.
 TEST_F(MountLife, HydrateFillsTheSparseFilesAndShowsItsProgress) {
-    const MtfSqlFile file = DataFiles(m_chain.Paths(m_chain.diff)).at(0);
-    MountedChain reference(m_chain.Paths(m_chain.full), m_chain.Paths(m_chain.diff), MountedChain::LiveIO::kQueueOnly);
-    ASSERT_TRUE(reference.Ready()) << reference.Error();
+    const MtfSqlFile file = DataFiles(m_chain.diff).at(0);
     std::string command = "XDG_CACHE_HOME=" + (m_scratch / "cache").string() + " " + ZirlaneProgram().string() +
                           " mount --restore --hydrate --json";
-    for (const std::string& arg : m_chain.Args()) command += " '" + arg + "'";
+    for (const std::string& arg : Args(m_chain)) command += " '" + arg + "'";
     const fs::path out = m_scratch / "out", point = m_scratch / "mnt";
     fs::create_directories(point);
     ASSERT_EQ(Shell(command + " " + point.string() + " >" + out.string() + " 2>" + (m_scratch / "err").string() +
@@ -416,10 +388,10 @@ TEST_F(MountLife, HydrateFillsTheSparseFilesAndShowsItsProgress) {
     EXPECT_EQ(state, "complete");
     EXPECT_EQ(percents.back(), 100.0);
     EXPECT_TRUE(fs::exists(sparse.string() + ".hydrating.completed"));
-    ExpectSameBytes(Slurp(sparse.string() + "!" + std::to_string(file.fileId) + ".mcf"), Reference(reference, file),
+    ExpectSameBytes(Slurp(sparse.string() + "!" + std::to_string(file.fileId) + ".mcf"), Reference(*m_reference, file),
                     "the sparse file");
 
-    BackgroundMount again(m_scratch, m_chain.Args());
+    BackgroundMount again(m_scratch, Args(m_chain));
     ASSERT_TRUE(again.Ready()) << again.Run().sErr;
     const std::string iPages = std::to_string(file.fileSize / kPage);
     EXPECT_NE(again.Run().sOut.find(iPages + " of " + iPages + " pages present"), std::string::npos)
@@ -431,16 +403,14 @@ TEST_F(MountLife, HydrateFillsTheSparseFilesAndShowsItsProgress) {
 // close, and the next mount serves the backup's pages again. statfs is the
 // sparse folder's.
 TEST_F(MountLife, WritesStayUntilTheDataFileIsDeleted) {
-    const MtfSqlFile file = DataFiles(m_chain.Paths(m_chain.diff)).at(0);
+    const MtfSqlFile file = DataFiles(m_chain.diff).at(0);
     const std::string name = LastComponent(file.physicalName);
-    MountedChain reference(m_chain.Paths(m_chain.full), m_chain.Paths(m_chain.diff), MountedChain::LiveIO::kQueueOnly);
-    ASSERT_TRUE(reference.Ready()) << reference.Error();
-    const std::string original = Reference(reference, file);
+    const std::string original = Reference(*m_reference, file);
     std::string written = original;
     std::memset(&written[5 * kPage + 100], 'Z', kPage);  // across pages 5 and 6
     written.append(kPage, '\0');
     {
-        BackgroundMount mount(m_scratch, m_chain.Args());
+        BackgroundMount mount(m_scratch, Args(m_chain));
         ASSERT_TRUE(mount.Ready()) << mount.Run().sErr;
         EXPECT_EQ(fs::space(mount.Point()).capacity, fs::space(m_scratch / "cache/zirlane/sparse").capacity);
         {
@@ -453,12 +423,12 @@ TEST_F(MountLife, WritesStayUntilTheDataFileIsDeleted) {
         ExpectSameBytes(Slurp(mount.Point() / name), written, "after the writes");
     }
     {
-        BackgroundMount mount(m_scratch, m_chain.Args());
+        BackgroundMount mount(m_scratch, Args(m_chain));
         ASSERT_TRUE(mount.Ready()) << mount.Run().sErr;
         ExpectSameBytes(Slurp(mount.Point() / name), written, "on the next mount");
         EXPECT_TRUE(fs::remove(mount.Point() / name));
     }
-    BackgroundMount mount(m_scratch, m_chain.Args());
+    BackgroundMount mount(m_scratch, Args(m_chain));
     ASSERT_TRUE(mount.Ready()) << mount.Run().sErr;
     ExpectSameBytes(Slurp(mount.Point() / name), original, "after the delete");
 }
@@ -469,12 +439,12 @@ TEST_F(MountLife, WritesStayUntilTheDataFileIsDeleted) {
 
 // Bad input ends with a message and exit code, and leaves no mount.
 TEST_F(MountLife, RefusalsSayWhyAndLeaveNoMount) {
-    const std::string full = TestDataFile(std::string(kDiffs) + "difftest-full.bak")->string();
-    const std::string clean = TestDataFile(std::string(kClean) + "RestoreTimeClean.bak")->string();
+    const std::string full = TestDataFile(kDiffs + "difftest-full.bak")->string();
+    const std::string clean = TestDataFile(kClean + "RestoreTimeClean.bak")->string();
     fs::create_directories(m_scratch / "full");
     std::ofstream(m_scratch / "full/file") << "x";
     fs::create_directories(m_scratch / "empty");
-    BackgroundMount standing(m_scratch, m_chain.Args(), "standing");
+    BackgroundMount standing(m_scratch, Args(m_chain), "standing");
     ASSERT_TRUE(standing.Ready()) << standing.Run().sErr;
     struct Case {
         std::vector<std::string> args;
@@ -486,9 +456,9 @@ TEST_F(MountLife, RefusalsSayWhyAndLeaveNoMount) {
         {{"--full", full}, "full", 1, "is not empty"},
         {{"--full", full}, "standing", 1, "is a mount already"},
         {{"--full", full}, "a\\b", 2, "must not hold a backslash"},
-        {{"--full", full, "--diff", TestDataFile(std::string(kClean) + "RestoreTimeClean2.bak")->string()}, "empty", 1,
+        {{"--full", full, "--diff", TestDataFile(kClean + "RestoreTimeClean2.bak")->string()}, "empty", 1,
          "is not of the database of"},
-        {{"--full", clean, "--log", TestDataFile(std::string(kClean) + "RestoreTimeClean_2.trn")->string()}, "empty", 1,
+        {{"--full", clean, "--log", TestDataFile(kClean + "RestoreTimeClean_2.trn")->string()}, "empty", 1,
          "does not go on from"},
         {{"--full", (m_scratch / "full/file").string()}, "empty", 1, "not a Microsoft Tape Format backup"},
     };
@@ -515,7 +485,7 @@ TEST_F(MountLife, NoPermissionForTheFuseDeviceIsSaid) {
     fs::create_directories(m_scratch / "mnt");
     fs::permissions(m_scratch.path(), fs::perms::all);
     const std::string command = "setpriv --reuid=65534 --regid=65534 --clear-groups " + ZirlaneProgram().string() +
-                                " mount --full " + TestDataFile(std::string(kDiffs) + "difftest-full.bak")->string() +
+                                " mount --full " + TestDataFile(kDiffs + "difftest-full.bak")->string() +
                                 " " + (m_scratch / "mnt").string() + " 2>" + (m_scratch / "err").string();
     EXPECT_EQ(WEXITSTATUS(std::system(command.c_str())), 1);
     EXPECT_NE(Slurp(m_scratch / "err").find("No permission to use /dev/fuse"), std::string::npos)
