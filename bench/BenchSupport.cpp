@@ -15,6 +15,7 @@
 #include "foundation/ZR_Types.h"
 #include "maps/ZR_CMaps.h"
 #include "maps/ZR_EMaps.h"
+#include "support/PosixFileIo.h"
 #include "support/SyntheticBackup.h"
 
 namespace zrbench {
@@ -142,6 +143,20 @@ private:
 
 std::unique_ptr<zrtest::MtfSource> UnbufferedSource(const fs::path& path) {
     return std::make_unique<UnbufferedFile>(path);
+}
+
+bool TimeNaiveRestore(const fs::path& backup, const fs::path& folder, double* pdSeconds) {
+    fs::create_directories(folder / "Data");
+    zrtest::PosixFileIo io(folder);
+    zrtest::SqlServerEmulator sql(io);
+    std::vector<zrtest::BackupStripe> stripes;
+    stripes.push_back({backup.wstring(), UnbufferedSource(backup)});
+    const auto start = std::chrono::steady_clock::now();
+    const bool bOk = sql.Restore(stripes, {});
+    *pdSeconds = Seconds(start);
+    if (!bOk) std::fprintf(stderr, "naive restore: %s\n", sql.Error().c_str());
+    fs::remove_all(folder);
+    return bOk;
 }
 
 bool BringOnline(const fs::path& backup, OnlineMount* pOnline) {

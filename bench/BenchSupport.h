@@ -73,6 +73,12 @@ void ResetPeakRss();
 // backup files: without the system cache, as a RESTORE reads its backup.
 std::unique_ptr<zrtest::MtfSource> UnbufferedSource(const std::filesystem::path& path);
 
+// The naive restore of a backup into folder (removed after): every extent
+// of its data streams copied into plain data files, as a full RESTORE
+// writes them, the backup read without the system cache as the library
+// reads it. False with the reason on stderr.
+bool TimeNaiveRestore(const std::filesystem::path& backup, const std::filesystem::path& folder, double* pdSeconds);
+
 // A backup mounted as a service mounts it (the exports, the embedded
 // driver, which zrtest::StartService started) and its statements run by the
 // SQL Server emulator through the driver's host side: the database is online.

@@ -16,25 +16,10 @@
 
 #include "BenchSupport.h"
 #include "mount/ZR.h"
-#include "support/PosixFileIo.h"
 
 namespace fs = std::filesystem;
 
 namespace {
-
-bool TimeNaiveRestore(const fs::path& backup, const fs::path& folder, double* pdSeconds) {
-    fs::create_directories(folder / "Data");
-    zrtest::PosixFileIo io(folder);
-    zrtest::SqlServerEmulator sql(io);
-    std::vector<zrtest::BackupStripe> stripes;
-    stripes.push_back({backup.wstring(), zrbench::UnbufferedSource(backup)});
-    const auto start = std::chrono::steady_clock::now();
-    const bool bOk = sql.Restore(stripes, {});
-    *pdSeconds = zrbench::Seconds(start);
-    if (!bOk) std::fprintf(stderr, "naive restore: %s\n", sql.Error().c_str());
-    fs::remove_all(folder);
-    return bOk;
-}
 
 // A mount of the backup brought online, then removed; false when it fails.
 bool TimeOnline(const fs::path& backup, double* pdSeconds) {
@@ -64,7 +49,7 @@ int main(int argc, char** argv) {
     if (!zrbench::WriteSyntheticBackup(backup, dGigabytes)) return 1;
     double dRead = 0, dNaive = 0, dFirst = 0, dSecond = 0;
     std::string strError;
-    bool bOk = zrbench::TimeSequentialRead(backup, &dRead) && TimeNaiveRestore(backup, folder / "naive", &dNaive);
+    bool bOk = zrbench::TimeSequentialRead(backup, &dRead) && zrbench::TimeNaiveRestore(backup, folder / "naive", &dNaive);
     if (bOk && !zrtest::StartService(folder / "service", &strError)) {
         std::fprintf(stderr, "%s\n", strError.c_str());
         bOk = false;
