@@ -12,6 +12,7 @@
 #include "mount/ZR.h"
 #include "support/DriverOperations.h"
 #include "support/FileKey.h"
+#include "support/LibraryTest.h"
 #include "zirlane/zirlane.h"
 
 namespace {
@@ -42,14 +43,12 @@ using zrtest::KeyOfAscii;
 
 HANDLE Handle(uintptr_t i) { return reinterpret_cast<HANDLE>(i); }
 
-class Collection : public testing::Test {
+class Collection : public zrtest::LibraryTest {
 protected:
     void SetUp() override {
-        InitializeZR(0);
-        ZR::UninitializeForExit();
+        LibraryTest::SetUp();
         m_pZR = ZR::GetZR();
     }
-    void TearDown() override { ZR::UninitializeForExit(); }
 
     // An association as the driver sends it: the data file's path and the
     // virtual name it was opened under.

@@ -21,6 +21,7 @@
 #include "support/ErrorText.h"
 #include "support/FakeDriver.h"
 #include "support/FileKey.h"
+#include "support/LibraryTest.h"
 #include "zirlane/zirlane.h"
 
 namespace {
@@ -35,19 +36,17 @@ T At(const ZR_OperationReply& reply, size_t iOffset) {
     return ZR_Load<T>(reinterpret_cast<const uint8_t*>(&reply) + iOffset);
 }
 
-class OperationService : public testing::Test {
+class OperationService : public zrtest::LibraryTest {
 protected:
     void SetUp() override {
-        InitializeZR(0);
-        ZR::UninitializeForExit();
-        ZR_ClearErrors(nullptr);
+        LibraryTest::SetUp();
         m_pDriver = std::make_unique<zrtest::FakeDriver>();
         ASSERT_TRUE(InitializeIOOperations(L"/tmp"));
     }
     void TearDown() override {
         ZR::UninitializeForExit();  // stops the service first
         m_pDriver.reset();
-        ZR_ClearErrors(nullptr);
+        LibraryTest::TearDown();
     }
 
     template <class Operation>

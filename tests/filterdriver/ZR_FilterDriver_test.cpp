@@ -66,10 +66,9 @@ TEST_F(HydrationTest, DataFileModeWritesWhatIsMissingAndNeverOverwritesAPresentP
     std::vector<uint8_t> aMine(kPage, 0xAB);
     ASSERT_EQ(m_pHost->Write(m_h, 17 * kPage, aMine.data(), kPage), kHostSuccess);  // SQL Server's own page
     ZR_HydrationRange range = Status();
-    EXPECT_EQ(range.iFirstExtent, 1u) << "extent 0 is never offered";
-    EXPECT_EQ(range.iNumExtents, 16u);
-    EXPECT_EQ(range.iTotalExtents, kFilePages / 8);
-    EXPECT_EQ(range.iHydratedBytes, kPage);
+    // Extent 0 is never offered.
+    EXPECT_EQ((std::vector<uint64_t>{range.iFirstExtent, range.iNumExtents, range.iTotalExtents, range.iHydratedBytes}),
+              (std::vector<uint64_t>{1, 16, kFilePages / 8, kPage}));
     EXPECT_EQ(range.Bitmap[1], 0x40) << "page 17 is the second page of extent 2";
 
     m_NoBackup = {20};
@@ -84,8 +83,7 @@ TEST_F(HydrationTest, DataFileModeWritesWhatIsMissingAndNeverOverwritesAPresentP
     EXPECT_TRUE(ReadOperations().empty());
 
     range = Status();
-    EXPECT_EQ(range.iFirstExtent, 17u);
-    EXPECT_EQ(range.iHydratedBytes, 128 * kPage);
+    EXPECT_EQ((std::vector<uint64_t>{range.iFirstExtent, range.iHydratedBytes}), (std::vector<uint64_t>{17, 128 * kPage}));
     EXPECT_EQ(Status(kFilePages / 8).iFirstExtent, kNoExtentToHydrate) << "nothing missing from the last extent on";
 }
 
@@ -174,8 +172,8 @@ TEST_F(HydrationTest, BitmapOnDiskIsUsedOnlyWhenItIsSound) {
         c.damage();
         Open();
         ZR_HydrationRange range = Status();
-        EXPECT_EQ(range.iFirstExtent, c.iFirstExtent);
-        EXPECT_EQ(range.iHydratedBytes, c.iHydratedBytes);
+        EXPECT_EQ((std::vector<uint64_t>{range.iFirstExtent, range.iHydratedBytes}),
+                  (std::vector<uint64_t>{c.iFirstExtent, c.iHydratedBytes}));
         EXPECT_EQ(m_pHost->Close(m_h, true), kHostSuccess);  // the next case starts afresh
         Restart(true);
     }
