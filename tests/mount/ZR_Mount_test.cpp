@@ -281,15 +281,13 @@ TEST_F(MountFlow, OtherNamesOnlyFindMounts) {
     byGuid.m_Guid = pDB->GetGuid();
     EXPECT_EQ(ZR_TestAccess::Mount(&byGuid), pDB);
 
-    ZR_FileInfo byKey;
-    byKey.m_eScheme = ZR_FILE_VDB;
-    byKey.m_strMountKey = L"FOUND";
-    EXPECT_EQ(ZR_TestAccess::Mount(&byKey), pDB);
-    byKey.m_strMountKey = L"missing";
-    EXPECT_EQ(ZR_TestAccess::Mount(&byKey), nullptr);
-    byKey.m_eScheme = ZR_FILE_STOP;
-    byKey.m_strMountKey = L"found";
-    EXPECT_EQ(ZR_TestAccess::Mount(&byKey), nullptr);
+    for (auto [eScheme, wszKey, pFound] : {std::tuple{ZR_FILE_VDB, L"FOUND", pDB},
+                                           {ZR_FILE_VDB, L"missing", nullptr}, {ZR_FILE_STOP, L"found", nullptr}}) {
+        ZR_FileInfo byKey;
+        byKey.m_eScheme = eScheme;
+        byKey.m_strMountKey = wszKey;
+        EXPECT_EQ(ZR_TestAccess::Mount(&byKey), pFound) << std::wstring(wszKey);
+    }
     EXPECT_EQ(static_cast<int>(g_DBs), 1);
 }
 
