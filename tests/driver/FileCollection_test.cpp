@@ -9,9 +9,10 @@
 #include <string>
 
 #include "driver/Lookup3.h"
-#include "foundation/Utf16.h"
 #include "mount/ZR.h"
+#include "support/DriverOperations.h"
 #include "support/FileKey.h"
+#include "support/LibraryTest.h"
 #include "zirlane/zirlane.h"
 
 namespace {
@@ -42,23 +43,17 @@ using zrtest::KeyOfAscii;
 
 HANDLE Handle(uintptr_t i) { return reinterpret_cast<HANDLE>(i); }
 
-class Collection : public testing::Test {
+class Collection : public zrtest::LibraryTest {
 protected:
     void SetUp() override {
-        InitializeZR(0);
-        ZR::UninitializeForExit();
+        LibraryTest::SetUp();
         m_pZR = ZR::GetZR();
     }
-    void TearDown() override { ZR::UninitializeForExit(); }
 
     // An association as the driver sends it: the data file's path and the
     // virtual name it was opened under.
     HRESULT Associate(const wchar_t* wszFile, const std::wstring& strVirtual, unsigned* piKey) {
-        ZR_CreateOperation op{};
-        op.Head.iOperation = ZR_OP_CREATE;
-        Utf16EncodeField(wszFile, op.wszName, sizeof op.wszName);
-        Utf16EncodeField(strVirtual.c_str(), op.wszSecondName, sizeof op.wszSecondName);
-        op.Uniquifier = FileObjectUniquifier{{1, 2, 3, 4}};
+        ZR_CreateOperation op = zrtest::CreateOperation(wszFile, strVirtual);
         return m_files.associateProc(m_pZR, &op, piKey);
     }
 
@@ -80,11 +75,6 @@ TEST_F(Collection, TheCreateRoadKeysTheNameInCapitalsAndCountsItsOpens) {
     EXPECT_EQ(m_files.CloseFile(m_pZR, iKey, false), S_OK);
     EXPECT_EQ(m_files.GetFileHandle(iKey), INVALID_HANDLE_VALUE);
     EXPECT_EQ(m_files.CloseFile(m_pZR, iKey, true), E_HANDLE);
-
-    EXPECT_EQ(m_files.createProc(m_pZR, L"C:\\GUID=5A1C77E0-1234-4ABC-9DEF-00112233AABB!1.mxf", false, &iKey),
-              HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND))
-        << "only virtual backup files open on this road";
-    EXPECT_EQ(iKey, 0xFFFFFFFFu);
 }
 
 TEST_F(Collection, AFileBroughtBackWaitsForTheDriversCreate) {
@@ -103,9 +93,8 @@ TEST_F(Collection, AFileBroughtBackWaitsForTheDriversCreate) {
 }
 
 TEST_F(Collection, TheAssociationRoadKeysTheDriversSpellingAndDeletesOnClose) {
-    GUID guid{};
-    ASSERT_EQ(UuidFromStringW(reinterpret_cast<RPC_WSTR>(const_cast<wchar_t*>(kGuid)), &guid), 0);
-    ZR_Database* pDB = g_DBs.Append(new ZR_Database(L"", guid));
+    ZR_Database* pDB = zrtest::AddDatabaseWithGuid(kGuid);
+    ASSERT_NE(pDB, nullptr);
     const std::wstring strVirtual = std::wstring(L"C:\\GUID=") + kGuid;
 
     unsigned iKey1 = 0, iKey2 = 0, iUnknown = 0;

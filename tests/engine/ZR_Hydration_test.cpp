@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
+#include <iostream>
 #include <thread>
 
 #include "engine/ZR_Database.h"
@@ -17,9 +18,12 @@
 #include "mount/ZR.h"
 #include "platform/FileCallsTesting.h"
 #include "support/ErrorText.h"
+#include "support/FileBytes.h"
 #include "support/HydrationMount.h"
+#include "support/ReadFileHook.h"
 #include "support/RealChains.h"
 #include "support/SyntheticBackup.h"
+#include "support/WaitUntil.h"
 #include "zirlane/zirlane.h"
 
 namespace fs = std::filesystem;
@@ -33,38 +37,27 @@ const wchar_t kGuid[] = L"0c0ffee0-1234-4abc-9def-00112233aabb";
 // Readers that check random pages through the host side until stopped.
 class Readers {
 public:
-    Readers(HydrationMount& chain, int iThreads) {
-        for (int i = 0; i < iThreads; ++i)
-            m_threads.emplace_back([this, &chain, i] {
-                std::mt19937 rng(100 + i);
-                while (!m_bStop) {
-                    std::string strWhy;
-                    if (!chain.CheckRandomRead(rng, &strWhy)) {
-                        std::lock_guard guard(m_cs);
-                        m_failures.push_back(strWhy);
-                    }
-                    ++m_iReads;
-                }
+    Readers(HydrationMount& chain, int iThreads) : m_failures(size_t(iThreads)) {
+        for (size_t i = 0; i < m_failures.size(); ++i)
+            m_threads.emplace_back([this, &chain, i](std::stop_token stop) {
+                std::mt19937 rng(static_cast<unsigned>(100 + i));
+                for (std::string strWhy; !stop.stop_requested(); ++m_iReads)
+                    if (!chain.CheckRandomRead(rng, &strWhy)) m_failures[i] += strWhy + "\n";
             });
     }
-    ~Readers() { Stop(); }
-    void Stop() {
-        m_bStop = true;
-        for (std::thread& t : m_threads)
-            if (t.joinable()) t.join();
-    }
     int Reads() const { return m_iReads; }
-    std::vector<std::string> Failures() {
-        std::lock_guard guard(m_cs);
-        return m_failures;
+    // Stops them; what they found wrong.
+    std::string Stop() {
+        m_threads.clear();
+        std::string strAll;
+        for (const std::string& str : m_failures) strAll += str;
+        return strAll;
     }
 
 private:
-    std::atomic<bool> m_bStop{false};
     std::atomic<int> m_iReads{0};
-    std::mutex m_cs;
     std::vector<std::string> m_failures;
-    std::vector<std::thread> m_threads;
+    std::vector<std::jthread> m_threads;  // last, so that they stop first
 };
 
 // Every figure WaitOnPercentChange gives until 10,000 or the end.
@@ -93,10 +86,8 @@ TEST_P(EveryChain, HydratesToTheBackupsWhileReadsGoOn) {
     StartDataHydration(chain.Key(), marker.wstring().c_str(), 0);
     bEnded = true;
     watcher.join();
-    while (readers.Reads() < 40) std::this_thread::sleep_for(1ms);
-    readers.Stop();
-
-    EXPECT_EQ(readers.Failures(), std::vector<std::string>{}) << ErrorTextNarrow(chain.Key()) << ErrorTextNarrow();
+    ASSERT_TRUE(WaitUntil([&] { return readers.Reads() >= 40; }));
+    EXPECT_EQ(readers.Stop(), "") << ErrorTextNarrow(chain.Key()) << ErrorTextNarrow();
     bool bDeleted = true;
     EXPECT_TRUE(DatabaseHydrationDone(chain.Key(), &bDeleted));
     EXPECT_FALSE(bDeleted);
@@ -122,27 +113,6 @@ INSTANTIATE_TEST_SUITE_P(RealBackups, EveryChain, testing::ValuesIn(RealChains()
 
 const wchar_t kOtherGuid[] = L"0c0ffee0-1234-4abc-9def-00112233aabc";
 
-std::atomic<DWORD> g_iReadDelayMs{0};
-decltype(&::ReadFile) g_pNextReadFile = nullptr;
-
-BOOL SlowReadFile(HANDLE h, LPVOID p, DWORD n, LPDWORD pn, LPOVERLAPPED o) {
-    Sleep(g_iReadDelayMs);
-    return g_pNextReadFile(h, p, n, pn, o);
-}
-
-// Every read through the file calls takes iMs longer, until the object
-// goes; make it before anything that reads and let it go after.
-class SlowReads {
-public:
-    void Start(DWORD iMs) {
-        g_iReadDelayMs = iMs;
-        g_pNextReadFile = zr::platform::testing::ReplaceFileCall(&FileCalls::ReadFile, &SlowReadFile);
-    }
-
-private:
-    zr::platform::testing::ScopedFileCalls m_restore;
-};
-
 // A full backup of two data files of iPages and iPages / 2 pages, mounted
 // with the GUID; false when it could not be written.
 bool WriteSynthetic(const fs::path& folder, std::uint32_t iPages) {
@@ -155,14 +125,6 @@ MountRequest Synthetic(const fs::path& folder, const wchar_t* wszGuid = kGuid) {
     return MountRequest{.full = {folder / "synthetic.bak"}, .wszGuid = wszGuid};
 }
 
-template <class Condition>
-bool WaitFor(Condition bCondition, std::chrono::milliseconds limit = 20s) {
-    for (auto end = std::chrono::steady_clock::now() + limit; !bCondition();)
-        if (std::chrono::steady_clock::now() > end) return false;
-        else std::this_thread::sleep_for(2ms);
-    return true;
-}
-
 ZR_Database& Database(const HydrationMount& chain) { return *ZR::FindDatabase(chain.Key()); }
 
 class HydrationControl : public testing::Test {
@@ -173,7 +135,7 @@ protected:
     }
     MountRequest Files(const wchar_t* wszGuid = kGuid) { return Synthetic(m_service.Folder(), wszGuid); }
 
-    SlowReads m_slow;
+    ReadFileHook m_slow;
     RunningService m_service;
 };
 
@@ -182,10 +144,10 @@ protected:
 TEST_F(HydrationControl, PauseHoldsTheDriverStillWhileReadsGoOn) {
     HydrationMount chain(m_service, Files());
     ASSERT_TRUE(chain.Ready()) << chain.Error();
-    m_slow.Start(50);
+    m_slow.Install(ReadFileHook::Slow(50));
     std::thread hydration([&] { StartDataHydration(chain.Key(), nullptr, 0); });
     ZR_Database& db = Database(chain);
-    ASSERT_TRUE(WaitFor([&] { return db.m_TotalHydratedByDataPasses > 0; }));
+    ASSERT_TRUE(WaitUntil([&] { return db.m_TotalHydratedByDataPasses > 0; }));
     EXPECT_TRUE(PauseHydration(chain.Key()));
     EXPECT_TRUE(IsHydrationPaused(chain.Key()));
     EXPECT_FALSE(IsHydrating(chain.Key()));
@@ -213,15 +175,15 @@ TEST_F(HydrationControl, ASecondHydrationWaitsForTheFirstWhenOneMayRun) {
     HydrationMount first(m_service, Files()), second(m_service, Files(kOtherGuid));
     ASSERT_TRUE(first.Ready() && second.Ready()) << first.Error() << second.Error();
     SetMaxActiveHydrations(1);
-    m_slow.Start(20);
+    m_slow.Install(ReadFileHook::Slow(20));
     std::atomic<bool> bFirstEnded{false};
     std::thread a([&] {
         StartDataHydration(first.Key(), nullptr, 10);
         bFirstEnded = true;
     });
-    ASSERT_TRUE(WaitFor([&] { return Database(first).m_TotalHydratedByDataPasses > 0; }));
+    ASSERT_TRUE(WaitUntil([&] { return Database(first).m_TotalHydratedByDataPasses > 0; }));
     std::thread b([&] { StartDataHydration(second.Key(), nullptr, 20); });
-    ASSERT_TRUE(WaitFor([&] { return IsHydrating(second.Key()); }));
+    ASSERT_TRUE(WaitUntil([&] { return IsHydrating(second.Key()); }));
     ZR_Database& db = Database(second);
     while (!bFirstEnded) {
         ASSERT_EQ(db.m_DataDrivenHydrationPasses, 0);
@@ -252,9 +214,9 @@ TEST_P(HydrationEnds, WithinSecondsInTheMiddle) {
     {
         HydrationMount chain(m_service, Files());
         ASSERT_TRUE(chain.Ready()) << chain.Error();
-        m_slow.Start(50);
+        m_slow.Install(ReadFileHook::Slow(50));
         std::thread hydration([&] { StartDataHydration(chain.Key(), nullptr, 0); });
-        ASSERT_TRUE(WaitFor([&] { return Database(chain).m_TotalHydratedByDataPasses > 0; }));
+        ASSERT_TRUE(WaitUntil([&] { return Database(chain).m_TotalHydratedByDataPasses > 0; }));
         const auto start = std::chrono::steady_clock::now();
         switch (GetParam()) {
             case Ending::kRemove: Remove(chain.Key()); break;
@@ -272,7 +234,7 @@ TEST_P(HydrationEnds, WithinSecondsInTheMiddle) {
     // A thread that has signalled its end may take a moment to leave. The
     // end of the library also ends its service's threads and handles.
     const bool bService = GetParam() == Ending::kUninitialize;
-    EXPECT_TRUE(WaitFor([&] { return bService ? ThreadCount() < iThreads : ThreadCount() == iThreads; }, 1s))
+    EXPECT_TRUE(WaitUntil([&] { return bService ? ThreadCount() < iThreads : ThreadCount() == iThreads; }, 1s))
         << ThreadCount() << " threads, not " << iThreads;
     if (bService)
         EXPECT_LT(zr::platform::testing::OpenHandleCount(), iHandles);
@@ -305,11 +267,7 @@ TEST_F(HydrationControl, ACorruptedBitmapStopsHydration) {
     for (const auto& entry : fs::directory_iterator(m_service.Folder() / "sparse")) {
         if (entry.path().extension() != ".bitmap") continue;
         ASSERT_EQ(entry.file_size(), 8192u) << entry.path();
-        std::fstream f(entry.path(), std::ios::in | std::ios::out | std::ios::binary);
-        for (std::streamoff iSlot = 0; iSlot < static_cast<std::streamoff>(entry.file_size()); iSlot += 4096) {
-            f.seekp(iSlot + 40);
-            f.put('\x5A');
-        }
+        for (uint64_t iSlot : {0, 4096}) PatchFile(entry.path(), iSlot + 40, "\x5A", 1);
         ++iCorrupted;
     }
     ASSERT_EQ(iCorrupted, 2);
@@ -326,41 +284,33 @@ TEST_F(HydrationControl, ACorruptedBitmapStopsHydration) {
 
 // ---------------------------------------------------------------------------
 // A process killed in the middle of a hydration: the test binary runs the
-// child test in a process of its own, kills it half-way, and hydrates the
-// same sparse folder again.
+// child test in a process of its own, which ends itself half-way as a kill
+// would, and hydrates the same sparse folder again.
 // ---------------------------------------------------------------------------
 
 constexpr char kChildFolder[] = "ZR_HYDRATION_CHILD_FOLDER";
 constexpr std::uint32_t kKilledPages = 4096;
+constexpr int kKilledExit = 42;
 
-// Hydrates slowly, writing its progress in hundredths of a percent to the
-// file "progress" of the folder, until it is killed.
+// Hydrates slowly and, past 40%, ends the process at once: no destructor,
+// no stop of the driver, no store of a bitmap. The parent judges.
 TEST(HydrationKilled, Child) {
     const char* szFolder = std::getenv(kChildFolder);
     if (!szFolder) GTEST_SKIP() << "runs only as the child of KilledHalfWayTheNextProcessFinishes";
-    SlowReads slow;
+    ReadFileHook slow;
     RunningService service(szFolder);
     ASSERT_TRUE(service.Up()) << service.Error();
     HydrationMount chain(service, Synthetic(szFolder));
     ASSERT_TRUE(chain.Ready()) << chain.Error();
-    slow.Start(100);
-    std::thread progress([&] {
-        for (;;) {
-            long long iDone = 0, iTotal = 0;
-            GetPercentComplete(chain.Key(), &iDone, &iTotal);
-            std::ofstream(fs::path(szFolder) / "progress.tmp") << (iTotal ? iDone * 10000 / iTotal : 0);
-            fs::rename(fs::path(szFolder) / "progress.tmp", fs::path(szFolder) / "progress");
-            std::this_thread::sleep_for(20ms);
-        }
-    });
-    StartDataHydration(chain.Key(), nullptr, 0);
-    FAIL() << "the hydration ended before the child was killed";
-}
-
-int Progress(const fs::path& folder) {
-    int iProgress = 0;
-    std::ifstream(folder / "progress") >> iProgress;
-    return iProgress;
+    slow.Install(ReadFileHook::Slow(100));
+    std::thread hydration([&] { StartDataHydration(chain.Key(), nullptr, 0); });
+    long long iDone = 0, iTotal = 0;
+    const bool bHalfWay = WaitUntil([&] {
+        GetPercentComplete(chain.Key(), &iDone, &iTotal);
+        return iTotal > 0 && iDone * 10 >= iTotal * 4;
+    }, 30s);
+    if (!bHalfWay || iDone == iTotal) std::cerr << "not met half-way: " << iDone << " of " << iTotal << std::endl;
+    std::_Exit(bHalfWay && iDone < iTotal ? kKilledExit : 1);
 }
 
 TEST(HydrationKilled, KilledHalfWayTheNextProcessFinishes) {
@@ -369,13 +319,7 @@ TEST(HydrationKilled, KilledHalfWayTheNextProcessFinishes) {
     const std::string strChild = std::string(kChildFolder) + "=" + tmp.path().string() + " " +
                                  fs::read_symlink("/proc/self/exe").string() +
                                  " --gtest_filter=HydrationKilled.Child > " + (tmp / "child.log").string() + " 2>&1";
-    ASSERT_EQ(std::system((strChild + " & echo $! > " + (tmp / "pid").string()).c_str()), 0);
-    std::string strPid;
-    std::ifstream(tmp / "pid") >> strPid;
-    const bool bHalfWay = WaitFor([&] { return Progress(tmp.path()) >= 4000; }, 30s);
-    std::system(("kill -9 " + strPid + "; while kill -0 " + strPid + " 2>/dev/null; do sleep 0.01; done").c_str());
-    ASSERT_TRUE(bHalfWay) << std::ifstream(tmp / "child.log").rdbuf();
-    ASSERT_LT(Progress(tmp.path()), 10000);
+    ASSERT_EQ(std::system(strChild.c_str()) >> 8, kKilledExit) << std::ifstream(tmp / "child.log").rdbuf();
 
     RunningService service(tmp.path());
     ASSERT_TRUE(service.Up()) << service.Error();

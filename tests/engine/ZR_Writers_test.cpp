@@ -10,13 +10,14 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <fstream>
+#include <map>
 #include <thread>
 
 #include "engine/ZR_Database.h"
 #include "mount/ZR.h"
-#include "support/PageFormat.h"
+#include "support/FileBytes.h"
 #include "support/HydrationMount.h"
+#include "support/PageFormat.h"
 
 namespace fs = std::filesystem;
 using namespace zrtest;
@@ -57,14 +58,6 @@ std::vector<uint8_t> Written(const BackupExtent& x, uint32_t i) {
     const PageHeaderFields h = ReadPageHeader(p);
     if (i == 0 || (h.fileId == x.fileId && h.pageNumber == x.firstPage + i)) return {p, p + kPageSize};
     return std::vector<uint8_t>(kPageSize);
-}
-
-std::vector<uint8_t> PageOnDisk(const fs::path& sparse, uint32_t page) {
-    std::vector<uint8_t> a(kPageSize);
-    std::ifstream in(sparse, std::ios::binary);
-    in.seekg(std::streamoff(page) * std::streamoff(kPageSize));
-    in.read(reinterpret_cast<char*>(a.data()), std::streamsize(kPageSize));
-    return a;
 }
 
 // Capped or not: a capped queue makes the writers hand blocks over in the
@@ -119,10 +112,11 @@ TEST_P(WriterThreads, RunsThatCountReachTheDataFilesAndEveryBufferComesBack) {
     }
     EXPECT_EQ(db.m_TotalHydratedByBackupPasses, (iKept + diff.size()) * ZR_EXTENT_SIZE);
 
-    auto sparse = [&](uint16_t fileId) {
-        for (const HydrationMount::DataFile& f : chain.DataFiles())
-            if (f.fileId == fileId) return f.sparse;
-        return fs::path();
+    std::map<uint16_t, std::vector<uint8_t>> disk;
+    for (const HydrationMount::DataFile& f : chain.DataFiles()) disk[f.fileId] = ReadFileBytes(f.sparse);
+    auto onDisk = [&](uint16_t fileId, uint32_t page) {
+        const uint8_t* p = disk.at(fileId).data() + size_t{page} * kPageSize;
+        return std::vector<uint8_t>(p, p + kPageSize);
     };
     for (const auto* pExtents : {&diff, &full})
         for (const BackupExtent& x : *pExtents) {
@@ -130,11 +124,11 @@ TEST_P(WriterThreads, RunsThatCountReachTheDataFilesAndEveryBufferComesBack) {
             const bool bFromDiff = chain.Reference().HoldingBackup(x.fileId, x.firstPage) == 1;
             if (bFromDiff != (pExtents == &diff)) continue;
             for (uint32_t i = 0; i < kPagesPerExtent; ++i)
-                ASSERT_EQ(PageOnDisk(sparse(x.fileId), x.firstPage + i), Written(x, i))
+                ASSERT_EQ(onDisk(x.fileId, x.firstPage + i), Written(x, i))
                     << "page " << x.fileId << ":" << x.firstPage + i << (bFromDiff ? " of the differential" : "");
         }
     for (uint32_t i = 0; i < kPagesPerExtent; ++i)
-        EXPECT_EQ(PageOnDisk(sparse(wrongToken.fileId), wrongToken.firstPage + i), std::vector<uint8_t>(kPageSize));
+        EXPECT_EQ(onDisk(wrongToken.fileId, wrongToken.firstPage + i), std::vector<uint8_t>(kPageSize));
 }
 
 INSTANTIATE_TEST_SUITE_P(Queues, WriterThreads, testing::Values(false, true),

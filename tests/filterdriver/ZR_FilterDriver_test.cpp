@@ -6,44 +6,23 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <cstdlib>
-#include <fstream>
 #include <functional>
 #include <thread>
 
-#include "support/DriverTestBase.h"
+#include "engine/ZR_BufferPool.h"
+#include "foundation/Unaligned.h"
 #include "foundation/Utf16.h"
 #include "platform/win32.h"
+#include "support/DriverTestBase.h"
 #include "support/ErrorText.h"
+#include "support/FileBytes.h"
+#include "support/WaitUntil.h"
 #include "zirlane/zirlane.h"
 
 namespace zrtest {
 namespace {
 
 using DriverCommandTest = DriverTestBase;
-
-// Both ends of a writer's block buffer: the completion header, then pages.
-struct WriterBuffer {
-    explicit WriterBuffer(const std::vector<uint8_t>& aPages)
-        : p(static_cast<uint8_t*>(std::aligned_alloc(kCompletionHeaderRoom, kCompletionHeaderRoom + aPages.size()))) {
-        ZR_CompletionHeader start{1, 1, 0, 0};
-        std::memcpy(p, &start, sizeof start);
-        std::memcpy(p + kCompletionHeaderRoom, aPages.data(), aPages.size());
-    }
-    ~WriterBuffer() { std::free(p); }
-    ZR_CompletionHeader* Header() { return reinterpret_cast<ZR_CompletionHeader*>(p); }
-    // What the library does after the driver accepted a message.
-    void Posted() {
-        Header()->iPosted *= 2;
-        Header()->bPostedToggle ^= 0xFF;
-    }
-    bool Finished() {
-        uint32_t iCompleted = std::atomic_ref<uint32_t>(*reinterpret_cast<uint32_t*>(p + 4)).load();
-        uint8_t bToggle = std::atomic_ref<uint8_t>(p[8]).load();
-        return iCompleted == Header()->iPosted && bToggle == Header()->bPostedToggle;
-    }
-    uint8_t* p;
-};
 
 class HydrationTest : public DriverTestBase {
 protected:
@@ -87,10 +66,9 @@ TEST_F(HydrationTest, DataFileModeWritesWhatIsMissingAndNeverOverwritesAPresentP
     std::vector<uint8_t> aMine(kPage, 0xAB);
     ASSERT_EQ(m_pHost->Write(m_h, 17 * kPage, aMine.data(), kPage), kHostSuccess);  // SQL Server's own page
     ZR_HydrationRange range = Status();
-    EXPECT_EQ(range.iFirstExtent, 1u) << "extent 0 is never offered";
-    EXPECT_EQ(range.iNumExtents, 16u);
-    EXPECT_EQ(range.iTotalExtents, kFilePages / 8);
-    EXPECT_EQ(range.iHydratedBytes, kPage);
+    // Extent 0 is never offered.
+    EXPECT_EQ((std::vector<uint64_t>{range.iFirstExtent, range.iNumExtents, range.iTotalExtents, range.iHydratedBytes}),
+              (std::vector<uint64_t>{1, 16, kFilePages / 8, kPage}));
     EXPECT_EQ(range.Bitmap[1], 0x40) << "page 17 is the second page of extent 2";
 
     m_NoBackup = {20};
@@ -105,30 +83,32 @@ TEST_F(HydrationTest, DataFileModeWritesWhatIsMissingAndNeverOverwritesAPresentP
     EXPECT_TRUE(ReadOperations().empty());
 
     range = Status();
-    EXPECT_EQ(range.iFirstExtent, 17u);
-    EXPECT_EQ(range.iHydratedBytes, 128 * kPage);
+    EXPECT_EQ((std::vector<uint64_t>{range.iFirstExtent, range.iHydratedBytes}), (std::vector<uint64_t>{17, 128 * kPage}));
     EXPECT_EQ(Status(kFilePages / 8).iFirstExtent, kNoExtentToHydrate) << "nothing missing from the last extent on";
 }
 
 TEST_F(HydrationTest, WriterModesSignalTheCompletionHeader) {
     Open();
+    std::atomic<int32_t> iOverflows{0};
+    ZR_BufferPool pool(1, &iOverflows);
     for (uint32_t iMode : {ZR_HYDRATE_MODE_WRITER, ZR_HYDRATE_MODE_WRITER_FULL}) {
         SCOPED_TRACE(iMode);
         uint32_t iFirst = 64 * iMode;
-        WriterBuffer block(Expected(iFirst, 48));
+        uint8_t* pBlock = static_cast<uint8_t*>(pool.Get(48 * kPage));
+        ASSERT_NE(pBlock, nullptr);
+        ZR_BufferPool::ResetHeader(pBlock);
+        const std::vector<uint8_t> aPages = Expected(iFirst, 48);
+        std::memcpy(pBlock, aPages.data(), aPages.size());
         std::vector<uint8_t> aMine(kPage, 0xEE);
         ASSERT_EQ(m_pHost->Write(m_h, (iFirst + 40) * kPage, aMine.data(), kPage), kHostSuccess);
         // Two messages for one block, as a writer sends runs of it.
         for (uint32_t iRun : {0u, 24u}) {
-            ASSERT_EQ(Hydrate(block.p + kCompletionHeaderRoom + iRun * kPage, iFirst + iRun, 24, iMode, block.Header()),
-                      S_OK);
-            block.Posted();
+            ASSERT_EQ(Hydrate(pBlock + iRun * kPage, iFirst + iRun, 24, iMode, ZR_BufferPool::HeaderOf(pBlock)), S_OK);
+            ZR_BufferPool::NotePosted(pBlock);
         }
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (!block.Finished() && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
-        ASSERT_TRUE(block.Finished());
-        EXPECT_EQ(block.Header()->iPosted, 4u);
-        std::vector<uint8_t> aWant = Expected(iFirst, 48);
+        ASSERT_TRUE(WaitUntil([&] { return ZR_BufferPool::IsFinished(pBlock); }));
+        pool.Free(pBlock);
+        std::vector<uint8_t> aWant = aPages;
         std::memcpy(&aWant[40 * kPage], aMine.data(), kPage);
         EXPECT_EQ(ReadPages(m_h, iFirst, 48), aWant);
     }
@@ -153,22 +133,14 @@ TEST_F(HydrationTest, CommandsRefuseWhatTheyCannotServe) {
 // to the files while it was away.
 TEST_F(HydrationTest, BitmapOnDiskIsUsedOnlyWhenItIsSound) {
     std::filesystem::path sparse = m_dir / kSparseName, bitmap = m_dir / (std::string(kSparseName) + ".bitmap");
-    auto flipInSlot = [&](int iSlot, uint64_t iAt) {
-        std::fstream f(bitmap, std::ios::in | std::ios::out | std::ios::binary);
-        f.seekg(iSlot * ZR_BitmapSlotBytes(kFilePages) + iAt);
-        char c = 0;
-        f.read(&c, 1);
-        f.seekp(iSlot * ZR_BitmapSlotBytes(kFilePages) + iAt);
-        f.put(static_cast<char>(c ^ 0x01));
+    const uint64_t cbSlot = ZR_BitmapSlotBytes(kFilePages);
+    auto flipInSlot = [&](uint64_t iSlot, uint64_t iAt) {
+        const uint8_t c = ReadFileBytes(bitmap).at(iSlot * cbSlot + iAt) ^ 0x01;
+        PatchFile(bitmap, iSlot * cbSlot + iAt, &c, 1);
     };
-    auto newestSlot = [&] {
-        std::ifstream f(bitmap, std::ios::binary);
-        uint64_t aiGeneration[2] = {};
-        for (int i = 0; i < 2; ++i) {
-            f.seekg(i * ZR_BitmapSlotBytes(kFilePages) + 8);
-            f.read(reinterpret_cast<char*>(&aiGeneration[i]), 8);
-        }
-        return aiGeneration[1] > aiGeneration[0] ? 1 : 0;
+    auto newestSlot = [&] {  // by the generations at byte 8 of each slot
+        const std::vector<uint8_t> bytes = ReadFileBytes(bitmap);
+        return ZR_Load<uint64_t>(&bytes.at(cbSlot + 8)) > ZR_Load<uint64_t>(&bytes.at(8)) ? 1u : 0u;
     };
     struct Case {
         const char* szWhat;
@@ -200,8 +172,8 @@ TEST_F(HydrationTest, BitmapOnDiskIsUsedOnlyWhenItIsSound) {
         c.damage();
         Open();
         ZR_HydrationRange range = Status();
-        EXPECT_EQ(range.iFirstExtent, c.iFirstExtent);
-        EXPECT_EQ(range.iHydratedBytes, c.iHydratedBytes);
+        EXPECT_EQ((std::vector<uint64_t>{range.iFirstExtent, range.iHydratedBytes}),
+                  (std::vector<uint64_t>{c.iFirstExtent, c.iHydratedBytes}));
         EXPECT_EQ(m_pHost->Close(m_h, true), kHostSuccess);  // the next case starts afresh
         Restart(true);
     }

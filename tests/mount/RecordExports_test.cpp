@@ -70,15 +70,12 @@ TEST(BackupSetRecord, EveryAccessorReadsItsField) {
     EXPECT_EQ((std::vector<unsigned>{y, mo, d, h, mi, s}), (std::vector<unsigned>{2017, 12, 15, 12, 46, 53}));
     backup_finish(p, &mo, &d, &y, &h, &mi, &s);
     EXPECT_EQ((std::vector<unsigned>{y, mo, d, h, mi, s}), (std::vector<unsigned>{2017, 6, 1, 23, 59, 7}));
-    EXPECT_EQ((std::vector<unsigned>{first_lsn_SeqNo(p), first_lsn_blockOffset(p), first_lsn_slotId(p)}),
-              (std::vector<unsigned>{20, 300, 7}));
-    EXPECT_EQ((std::vector<unsigned>{last_lsn_SeqNo(p), last_lsn_blockOffset(p), last_lsn_slotId(p)}),
-              (std::vector<unsigned>{21, 301, 8}));
-    EXPECT_EQ((std::vector<unsigned>{checkpoint_lsn_SeqNo(p), checkpoint_lsn_blockOffset(p), checkpoint_lsn_slotId(p)}),
-              (std::vector<unsigned>{22, 302, 9}));
-    EXPECT_EQ((std::vector<unsigned>{last_full_base_lsn_SeqNo(p), last_full_base_lsn_blockOffset(p),
+    EXPECT_EQ((std::vector<unsigned>{first_lsn_SeqNo(p), first_lsn_blockOffset(p), first_lsn_slotId(p),
+                                     last_lsn_SeqNo(p), last_lsn_blockOffset(p), last_lsn_slotId(p),
+                                     checkpoint_lsn_SeqNo(p), checkpoint_lsn_blockOffset(p), checkpoint_lsn_slotId(p),
+                                     last_full_base_lsn_SeqNo(p), last_full_base_lsn_blockOffset(p),
                                      last_full_base_lsn_slotId(p)}),
-              (std::vector<unsigned>{23, 303, 10}));
+              (std::vector<unsigned>{20, 300, 7, 21, 301, 8, 22, 302, 9, 23, 303, 10}));
 }
 
 }  // namespace

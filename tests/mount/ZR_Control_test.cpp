@@ -7,17 +7,13 @@
 #include <string>
 #include <vector>
 
+#include "support/LibraryTest.h"
 #include "zirlane/zirlane.h"
 
 namespace {
 
-class ControlByKey : public testing::Test {
+class ControlByKey : public zrtest::LibraryTest {
 protected:
-    void SetUp() override {
-        InitializeZR(0);
-        ZR::UninitializeForExit();
-    }
-    void TearDown() override { ZR::UninitializeForExit(); }
     // A database in g_DBs, of the library from then on.
     ZR_Database* Add(const wchar_t* wszKey, int32_t iState, int64_t iOrderKey = 0) {
         auto* pDB = new ZR_Database(L"", GUID_NULL);
